@@ -1,0 +1,75 @@
+// Registry of base modules for language resource modules.
+#include "PK_LanguageTool.h"
+#include <vector>
+
+namespace
+{
+struct BaseModule
+{
+    HMODULE module;
+    CLanguageTool::ModuleCallback onLoad;
+    CLanguageTool::ModuleCallback onUnload;
+};
+
+struct Modules
+{
+    CRITICAL_SECTION lock;
+    std::vector<BaseModule> list;
+    Modules() { InitializeCriticalSection(&lock); }
+};
+
+Modules& Registry()
+{
+    static Modules* modules = new Modules;
+    return *modules;
+}
+}  // namespace
+
+BOOL CLanguageTool::AddBaseModule(HMODULE module, ModuleCallback onLoad, ModuleCallback onUnload)
+{
+    if (!module)
+        return FALSE;
+    Modules& modules = Registry();
+    EnterCriticalSection(&modules.lock);
+    BOOL added = TRUE;
+    for (const BaseModule& entry : modules.list)
+        if (entry.module == module)
+            added = FALSE;
+    if (added)
+        modules.list.push_back({module, onLoad, onUnload});
+    LeaveCriticalSection(&modules.lock);
+    if (added && onLoad)
+        onLoad(module);
+    return added;
+}
+
+BOOL CLanguageTool::RemoveBaseModule(HMODULE module)
+{
+    Modules& modules = Registry();
+    ModuleCallback onUnload = nullptr;
+    BOOL removed = FALSE;
+    EnterCriticalSection(&modules.lock);
+    for (auto it = modules.list.begin(); it != modules.list.end(); ++it)
+        if (it->module == module)
+        {
+            onUnload = it->onUnload;
+            modules.list.erase(it);
+            removed = TRUE;
+            break;
+        }
+    LeaveCriticalSection(&modules.lock);
+    if (onUnload)
+        onUnload(module);
+    return removed;
+}
+
+BOOL CLanguageTool::IsBaseModule(HMODULE module)
+{
+    Modules& modules = Registry();
+    EnterCriticalSection(&modules.lock);
+    BOOL found = FALSE;
+    for (const BaseModule& entry : modules.list)
+        found |= entry.module == module;
+    LeaveCriticalSection(&modules.lock);
+    return found;
+}
