@@ -18,7 +18,7 @@ namespace
 {
 // The class object: one per process, holding the one store object that every
 // CreateInstance hands out.
-class CFbInstanceDataClassObject : public IClassFactory
+class CFbInstanceDataClassObject final : public IClassFactory
 {
 public:
     CFbInstanceDataClassObject() { InitializeCriticalSection(&m_lock); }

@@ -19,12 +19,6 @@ namespace
 // Resource "REGISTRY" of the FbInstanceData registrar script.
 constexpr UINT kFbInstanceDataScriptId = 103;
 
-HRESULT LastErrorResult()
-{
-    const DWORD error = GetLastError();
-    return error ? HRESULT_FROM_WIN32(error) : E_FAIL;
-}
-
 // Inside a quoted script string a single quote is written twice.
 std::string DoubleSingleQuotes(const char* text)
 {

@@ -47,3 +47,6 @@ private:
     UINT m_codePage;
     std::vector<std::pair<std::string, std::string>> m_replacements;
 };
+
+// The calling thread's last error as an HRESULT; E_FAIL when none is set.
+HRESULT LastErrorResult();
