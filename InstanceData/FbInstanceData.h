@@ -4,11 +4,16 @@
 #include <windows.h>
 #include <objidl.h>
 #include <comutil.h>
+#include <wrl/client.h>
 #include <map>
 #include <vector>
 #include "InstanceDataIdl.h"
 #include "DispatchImpl.h"
 #include "afxstub.h"
+#include "PK_ComVector.h"
+
+class StreamReader;
+class StreamWriter;
 
 // Makes the module's own state current for the rest of an interface operation.
 #define STORE_ENTRY() AFX_MANAGE_STATE(AfxGetStaticModuleState())
@@ -115,6 +120,14 @@ enum : DWORD
     IDS_STORAGE_MODE = STGM_TRANSACTED | STGM_READWRITE | STGM_SHARE_EXCLUSIVE,    // 0x10012
 };
 
+// Locks the elements of a list that the store reads; E_UNEXPECTED for a null
+// array, one of another rank or element kind, or one whose data is not there.
+template <class Element>
+HRESULT AccessList(ComVectorAccess<Element>& access, SAFEARRAY* array)
+{
+    return SUCCEEDED(access.Attach(array)) && (access.Data() || !access.Count()) ? S_OK : E_UNEXPECTED;
+}
+
 extern const WCHAR kInstanceDataDescriptorName[];   // "DVL/QTS-WMR-VQ_INSTANCEDATA"
 
 class FbInstanceData : public CDispatchImpl<IFbInstanceData>,
@@ -213,11 +226,38 @@ private:
     // to instanceId, so that nothing destroyed or replaced is used again.
     void ForgetInstanceStorage(BSTR instanceId);
     bool StorageReady() const { return m_bStorageOpen && m_pRootStorage; }
+    // The storage guard and argument check of the descriptor streams, then
+    // the instance storage and the stream name; a rewrite empties the stream
+    // and writes its version.
+    HRESULT OpenDescriptorStream(IDispatch* descriptor, BSTR instanceId, const wchar_t* name, bool rewrite,
+                                 IStorage** storage, IStream** stream);
+    // A new data object from its class's factory; target holds its one reference.
+    template <class Object, class Interface>
+    static HRESULT MakeDataObject(Microsoft::WRL::ComPtr<Interface>& target)
+    {
+        Object* object = nullptr;
+        const HRESULT hr = Object::CreateInstance(&object);
+        if (SUCCEEDED(hr))
+            target = object;
+        return hr;
+    }
     // Common body of LockParameter and its three siblings.
     HRESULT ChangeParameterFlag(BSTR instanceId, SAFEARRAY** nameList, DWORD ParameterRecord::*flag,
                                 DWORD from, DWORD to);
-    // Builds the member name array of m_group for ReadGroup and WriteGroup.
-    HRESULT GroupMemberNames(BSTR instanceId, SAFEARRAY** names);
+    // Reads the group name with its members into m_group and makes them a
+    // new name array; with checkMembers a member whose stream is not a
+    // parameter stream ends it first.
+    HRESULT GroupMemberNames(BSTR instanceId, BSTR name, ComVectorArray& names, bool checkMembers);
+    // Parameter and group streams alike: the stream of the element name (put
+    // into m_bstrElementName), its name looked up, looked up or allocated,
+    // or allocated; the header of version, kind and name (the stored name
+    // must be m_bstrElementName); removal of the stream of name.
+    enum class ElementLookup { Find, FindOrAllocate, Allocate };
+    HRESULT OpenElementStream(BSTR instanceId, const _bstr_t& name, bool group, ElementLookup lookup,
+                              IStorage** storage, IStream** stream);
+    HRESULT ReadElementHeader(StreamReader& in, DWORD kind, _bstr_t& name);
+    HRESULT WriteElementHeader(StreamWriter& out, DWORD kind);
+    HRESULT DestroyElementStream(BSTR instanceId, BSTR name, bool group);
 
     FbInstanceData(const FbInstanceData&) = delete;
     FbInstanceData& operator=(const FbInstanceData&) = delete;

@@ -1,95 +1,515 @@
-// Parameters: parameter streams, value encoding, access, lock and protection (being completed).
+// Parameters: the parameter streams and the value encoding, access to single
+// parameters and lists, and the locked and protected flags.
 #include "FbInstanceData.h"
+#include <wrl/client.h>
+#include <cstring>
+#include "Common/ErrorTrace.h"
+#include "Common/StreamIo.h"
+#include "NonCreateables/FdtParameter.h"
 
-HRESULT FbInstanceData::ReadPara(BSTR, bool, bool)
+using Microsoft::WRL::ComPtr;
+
+static const char THIS_FILE[] = "InstanceData/FbInstanceDataParameters";
+
+static_assert(sizeof(VARTYPE) == 2 && sizeof(VARIANT_BOOL) == 2, "value encoding widths");
+static_assert(sizeof(ParameterRecord::isLocked) == 4 && sizeof(ParameterRecord::dataType) == 4,
+              "the flags and the data type are stored as 32 bits");
+
+namespace
 {
-    return E_NOTIMPL;
+// Both null, or both not null with the same code units (case-sensitive).
+bool SameName(BSTR stored, BSTR asked)
+{
+    if (!stored || !asked)
+        return stored == asked;
+    const UINT bytes = SysStringByteLen(stored);
+    return bytes == SysStringByteLen(asked) && std::memcmp(stored, asked, bytes) == 0;
 }
 
-HRESULT FbInstanceData::WritePara(BSTR, bool, bool)
+// A new copy of a name, the whole BSTR length (null stays null).
+_bstr_t CopyOf(BSTR name)
 {
-    return E_NOTIMPL;
+    return _bstr_t(name, true);
 }
 
-HRESULT FbInstanceData::GetNameList(IFdtContext*, BSTR, SAFEARRAY**, bool)
+// Reads one value in the value encoding written by CStreamTool::Write. A
+// string's count is checked against the stream's end before anything is
+// allocated (CStreamTool::Read); a value that could not be read is left
+// VT_EMPTY, one whose text no longer converts stays VT_BSTR.
+HRESULT ReadValue(IStream* stream, VARIANT& value)
 {
-    return E_NOTIMPL;
+    RETURN_IF_FAILED_QUIET(VariantClear(&value));
+    VARTYPE vt = VT_EMPTY;
+    RETURN_IF_FAILED_QUIET(StreamReader(stream).Read(vt));
+    if (const ULONG width = CStreamTool::ValueWidth(vt))
+    {
+        VARIANT read;
+        std::memset(&read, 0, sizeof read);
+        V_VT(&read) = vt;
+        RETURN_IF_FAILED_QUIET(CStreamTool::Read(stream, &V_UI1(&read), width, nullptr));
+        value = read;
+        return S_OK;
+    }
+    if (vt == VT_DISPATCH || vt == VT_UNKNOWN)
+    {
+        // The load's result is not the read's: an object that cannot be made
+        // again reads as no object.
+        IUnknown* object = nullptr;
+        if (FAILED(OleLoadFromStream(stream, vt == VT_DISPATCH ? IID_IDispatch : IID_IUnknown,
+                                     reinterpret_cast<void**>(&object))) &&
+            object)
+        {
+            object->Release();
+            object = nullptr;
+        }
+        V_VT(&value) = vt;
+        V_UNKNOWN(&value) = object;
+        return S_OK;
+    }
+    _bstr_t text;
+    RETURN_IF_FAILED_QUIET(CStreamTool::Read(stream, text));
+    V_BSTR(&value) = static_cast<BSTR>(text) ? text.Detach() : nullptr;
+    V_VT(&value) = VT_BSTR;
+    return vt == VT_BSTR ? S_OK : VariantChangeType(&value, &value, 0, vt);
 }
 
-HRESULT FbInstanceData::ChangeParameterFlag(BSTR, SAFEARRAY**, DWORD ParameterRecord::*, DWORD, DWORD)
+// The equality of WriteParameter: an equal value is not written again. Only
+// the VARTYPEs below can be equal; any other value is always written.
+// Floating-point values compare as the processor compares them, so a NaN is
+// never equal (and always written) and 0 equals -0.
+bool SameValue(const VARIANT& left, const VARIANT& right)
 {
-    return E_NOTIMPL;
+    if (&left == &right)
+        return true;
+    if (V_VT(&left) != V_VT(&right))
+        return false;
+    switch (V_VT(&left))
+    {
+    case VT_EMPTY:
+    case VT_NULL:
+        return true;
+    case VT_I2:
+    case VT_BOOL:
+        return V_I2(&left) == V_I2(&right);
+    case VT_UI1:
+        return V_UI1(&left) == V_UI1(&right);
+    case VT_I4:
+    case VT_ERROR:
+        return V_I4(&left) == V_I4(&right);
+    case VT_R4:
+        return V_R4(&left) == V_R4(&right);
+    case VT_R8:
+        return V_R8(&left) == V_R8(&right);
+    case VT_BSTR:
+    {
+        // By byte length: a null string and an empty one are equal.
+        const UINT bytes = SysStringByteLen(V_BSTR(&left));
+        return bytes == SysStringByteLen(V_BSTR(&right)) &&
+               (!bytes || std::memcmp(V_BSTR(&left), V_BSTR(&right), bytes) == 0);
+    }
+    case VT_DISPATCH:
+    case VT_UNKNOWN:
+        return V_UNKNOWN(&left) == V_UNKNOWN(&right);
+    default:
+        return false;
+    }
 }
 
-STDMETHODIMP FbInstanceData::ReadParameter(IFdtContext*, BSTR, BSTR, VARIANT*)
+// A deep copy of source into copy, whose old content is not looked at. A
+// null string stays null: the platform's copy may give an empty one, which
+// is stored otherwise. What a failed copy leaves may share source's data, so
+// it is dropped unfreed and copy is VT_EMPTY.
+HRESULT CopyVariant(const VARIANT& source, VARIANT& copy)
+{
+    VariantInit(&copy);
+    if (V_VT(&source) == VT_BSTR && !V_BSTR(&source))
+    {
+        V_VT(&copy) = VT_BSTR;
+        V_BSTR(&copy) = nullptr;
+        return S_OK;
+    }
+    const HRESULT hr = VariantCopy(&copy, const_cast<VARIANT*>(&source));
+    if (FAILED(hr))
+        VariantInit(&copy);
+    return hr;
+}
+
+// A copy of source in target; a copy that fails is kept as VT_ERROR holding
+// the copy's failure.
+void CopyValue(_variant_t& target, const VARIANT& source)
+{
+    VARIANT copy;
+    const HRESULT hr = CopyVariant(source, copy);
+    if (FAILED(hr))
+    {
+        V_VT(&copy) = VT_ERROR;
+        V_ERROR(&copy) = hr;
+    }
+    target.Attach(copy);
+}
+
+// Gives hr back, after message when it failed.
+HRESULT WithMessage(HRESULT hr, const char* message)
+{
+    if (FAILED(hr))
+        g_StdPkTraceInstance.Trace(CPkTrace::LevelInfo, "%s", message);
+    return hr;
+}
+
+VARIANT_BOOL AsVariantBool(DWORD flag)
+{
+    return flag ? VARIANT_TRUE : VARIANT_FALSE;
+}
+}  // namespace
+
+// ------------------------------------------- parameter and group streams
+
+HRESULT FbInstanceData::OpenElementStream(BSTR instanceId, const _bstr_t& name, bool group, ElementLookup lookup,
+                                          IStorage** storage, IStream** stream)
+{
+    m_bstrElementName = name;
+    if (lookup == ElementLookup::Allocate)
+        RETURN_IF_FAILED(AllocateStreamName(instanceId, group));
+    else
+        RETURN_IF_FAILED(GetStreamName(instanceId, group, lookup == ElementLookup::FindOrAllocate));
+    RETURN_IF_FAILED_QUIET(OpenInstanceStorage(instanceId, storage));
+    RETURN_IF_FAILED(CStreamTool::Open(*storage, m_szStreamName, stream, IDS_STREAM_MODE));
+    return S_OK;
+}
+
+HRESULT FbInstanceData::ReadElementHeader(StreamReader& in, DWORD kind, _bstr_t& name)
+{
+    const bool group = kind == ElementKindGroup;
+    DWORD version = 0;
+    RETURN_IF_FAILED(in.Read(version));
+    if (version != 1)
+    {
+        g_StdPkTraceInstance.Trace(CPkTrace::LevelInfo, group ? "FbInstanceData::ReadGroup invalid version\n"
+                                                              : "FbInstanceData::ReadPara invalid version\n");
+        return E_FAIL;
+    }
+    DWORD storedKind = 0;
+    RETURN_IF_FAILED(in.Read(storedKind));
+    if (storedKind != kind)
+    {
+        g_StdPkTraceInstance.Trace(CPkTrace::LevelInfo, group ? "FbInstanceData::ReadGroup stream isn't a group\n"
+                                                              : "FbInstanceData::ReadPara stream isn't a group\n");
+        return group ? IDS_E_NOT_GROUP_STREAM : IDS_E_NOT_PARAMETER_STREAM;
+    }
+    RETURN_IF_FAILED(in.Read(name));
+    if (!SameName(name, m_bstrElementName))
+    {
+        CError::ImplHandleInternal(nullptr, THIS_FILE, __LINE__, 0xAA);
+        return E_FAIL;
+    }
+    return S_OK;
+}
+
+HRESULT FbInstanceData::WriteElementHeader(StreamWriter& out, DWORD kind)
+{
+    RETURN_IF_FAILED(out.Write(DWORD(1)));
+    RETURN_IF_FAILED(out.Write(kind));
+    RETURN_IF_FAILED(out.Write(m_bstrElementName));
+    return S_OK;
+}
+
+HRESULT FbInstanceData::DestroyElementStream(BSTR instanceId, BSTR name, bool group)
+{
+    m_bstrElementName = CopyOf(name);
+    RETURN_IF_FAILED(GetStreamName(instanceId, group, false));
+    ComPtr<IStorage> storage;
+    RETURN_IF_FAILED_QUIET(OpenInstanceStorage(instanceId, storage.GetAddressOf()));
+    RETURN_IF_FAILED(storage->DestroyElement(m_szStreamName));
+    RETURN_IF_FAILED(storage->Commit(STGC_DEFAULT));
+    return S_OK;
+}
+
+HRESULT FbInstanceData::ReadPara(BSTR instanceId, bool readValue, bool readAll)
+{
+    ComPtr<IStorage> storage;
+    ComPtr<IStream> stream;
+    RETURN_IF_FAILED_QUIET(OpenElementStream(instanceId, m_parameter.bstrName, false, ElementLookup::Find,
+                                             storage.GetAddressOf(), stream.GetAddressOf()));
+    StreamReader in(stream.Get());
+    RETURN_IF_FAILED_QUIET(ReadElementHeader(in, ElementKindParameter, m_parameter.bstrName));
+    RETURN_IF_FAILED(in.Read(m_parameter.isLocked));
+    RETURN_IF_FAILED(in.Read(m_parameter.isProtected));
+    RETURN_IF_FAILED(in.Read(m_parameter.isMandatory));
+    RETURN_IF_FAILED(in.Read(m_parameter.isPrivate));
+    if (!readValue && !readAll)
+        return S_OK;
+
+    RETURN_IF_FAILED_QUIET(WithMessage(ReadValue(stream.Get(), m_parameter.value),
+                                       "FbInstanceData::ReadPara() ReadFromStream(value) failed\n"));
+    if (!readAll)
+        return S_OK;
+    RETURN_IF_FAILED_QUIET(WithMessage(ReadValue(stream.Get(), m_parameter.defaultValue),
+                                       "FbInstanceData::ReadPara() ReadFromStream(default value) failed\n"));
+    RETURN_IF_FAILED(in.Read(m_parameter.index));
+    RETURN_IF_FAILED(in.Read(m_parameter.dataType));
+    RETURN_IF_FAILED(in.Read(m_parameter.size));
+    RETURN_IF_FAILED_HR(in.Read(m_parameter.objectType));
+    return S_OK;
+}
+
+HRESULT FbInstanceData::WritePara(BSTR instanceId, bool writeAll, bool create)
+{
+    ComPtr<IStorage> storage;
+    ComPtr<IStream> stream;
+    RETURN_IF_FAILED_QUIET(OpenElementStream(instanceId, m_parameter.bstrName, false,
+                                             create ? ElementLookup::FindOrAllocate : ElementLookup::Find,
+                                             storage.GetAddressOf(), stream.GetAddressOf()));
+    // Without writeAll only the header is written over the stream's first
+    // bytes: its name was just read from there, so the body keeps its place.
+    if (writeAll)
+        RETURN_IF_FAILED(CStreamTool::SetStreamSize(stream.Get(), 0));
+    StreamWriter out(stream.Get());
+    RETURN_IF_FAILED_QUIET(WriteElementHeader(out, ElementKindParameter));
+    RETURN_IF_FAILED(out.Write(m_parameter.isLocked));
+    RETURN_IF_FAILED(out.Write(m_parameter.isProtected));
+    RETURN_IF_FAILED(out.Write(m_parameter.isMandatory));
+    RETURN_IF_FAILED(out.Write(m_parameter.isPrivate));
+    if (writeAll)
+    {
+        RETURN_IF_FAILED_QUIET(WithMessage(out.Write(static_cast<const VARIANT&>(m_parameter.value)),
+                                           "FbInstanceData::WritePara() CStreamTool::Write(value) failed\n"));
+        RETURN_IF_FAILED_QUIET(WithMessage(out.Write(static_cast<const VARIANT&>(m_parameter.defaultValue)),
+                                           "FbInstanceData::WritePara() CStreamTool::Write(default value) failed\n"));
+        RETURN_IF_FAILED(out.Write(m_parameter.index));
+        RETURN_IF_FAILED(out.Write(m_parameter.dataType));
+        RETURN_IF_FAILED(out.Write(m_parameter.size));
+        RETURN_IF_FAILED_HR(out.Write(m_parameter.objectType));
+    }
+    RETURN_IF_FAILED(storage->Commit(STGC_DEFAULT));
+    return S_OK;
+}
+
+HRESULT FbInstanceData::GetNameList(IFdtContext*, BSTR instanceId, SAFEARRAY** names, bool groups)
+{
+    RETURN_IF_NULL(names, E_POINTER);
+    RETURN_IF_FAILED(ReadStreamNameMap(instanceId));
+    const DWORD kind = groups ? ElementKindGroup : ElementKindParameter;
+    ULONG count = 0;
+    for (const auto& entry : m_streamNameMap.entries)
+        count += entry.second.kind == kind;
+
+    ComVectorArray list;
+    RETURN_IF_FAILED_QUIET(list.Create<BSTR>(count, 0, true));
+    ComVectorAccess<BSTR> access;
+    RETURN_IF_FAILED_QUIET(AccessList(access, list.Get()));
+    ULONG index = 0;
+    for (const auto& entry : m_streamNameMap.entries)
+        if (entry.second.kind == kind)
+            access[index++] = entry.first.copy();
+    RETURN_IF_FAILED_QUIET(access.Release());
+    return list.DetachTo(names);
+}
+
+HRESULT FbInstanceData::ChangeParameterFlag(BSTR instanceId, SAFEARRAY** nameList, DWORD ParameterRecord::*flag,
+                                            DWORD from, DWORD to)
+{
+    RETURN_IF_NULL(nameList, E_POINTER);
+    // The caller's array is declared [in, out] but never changed: work on a copy.
+    ComVectorArray copy(*nameList);
+    RETURN_IF_NULL(copy.Get(), E_OUTOFMEMORY);
+    ComVectorAccess<BSTR> names;
+    RETURN_IF_FAILED_QUIET(AccessList(names, copy.Get()));
+    for (ULONG i = 0; i < names.Count(); ++i)
+    {
+        m_parameter.bstrName = CopyOf(names[i]);
+        RETURN_IF_FAILED(ReadPara(instanceId, false, false));
+        if (m_parameter.*flag != from)
+            continue;
+        m_parameter.*flag = to;
+        RETURN_IF_FAILED(WritePara(instanceId, false, false));
+    }
+    return S_OK;
+}
+
+// ------------------------------------------------------- single parameters
+
+STDMETHODIMP FbInstanceData::ReadParameter(IFdtContext*, BSTR InstanceID, BSTR Name, VARIANT* ParameterValue)
 {
     STORE_ENTRY();
-    return E_NOTIMPL;
+    return EXCEPTION_GUARD([&]() -> HRESULT {
+        RETURN_IF_NULL(ParameterValue, E_POINTER);
+        m_parameter.bstrName = CopyOf(Name);
+        RETURN_IF_FAILED(ReadPara(InstanceID, true, false));
+        RETURN_IF_FAILED(VariantClear(ParameterValue));
+        RETURN_IF_FAILED(CopyVariant(m_parameter.value, *ParameterValue));
+        return S_OK;
+    });
 }
 
-STDMETHODIMP FbInstanceData::WriteParameter(IFdtContext*, BSTR, BSTR, VARIANT)
+STDMETHODIMP FbInstanceData::WriteParameter(IFdtContext*, BSTR InstanceID, BSTR Name, VARIANT ParameterValue)
 {
     STORE_ENTRY();
-    return E_NOTIMPL;
+    return EXCEPTION_GUARD([&]() -> HRESULT {
+        m_parameter.bstrName = CopyOf(Name);
+        RETURN_IF_FAILED(ReadPara(InstanceID, true, true));
+        if (SameValue(ParameterValue, m_parameter.value))
+            return S_OK;
+        // The stored VARTYPE wins: a value of another one is converted to it.
+        if (V_VT(&ParameterValue) == V_VT(&m_parameter.value))
+            CopyValue(m_parameter.value, ParameterValue);
+        else
+        {
+            _variant_t converted;
+            CopyValue(converted, ParameterValue);
+            if (FAILED(VariantChangeType(&converted, &converted, 0, V_VT(&m_parameter.value))))
+            {
+                g_StdPkTraceInstance.Trace(CPkTrace::LevelError, "FbInstanceData::WriteParameter can't convert type\n");
+                return E_FAIL;
+            }
+            CopyValue(m_parameter.value, converted);
+        }
+        RETURN_IF_FAILED(WritePara(InstanceID, true, false));
+        return S_OK;
+    });
 }
 
-STDMETHODIMP FbInstanceData::ReadParameterInfo(IFdtContext*, BSTR, BSTR, IFdtParameter**)
+STDMETHODIMP FbInstanceData::ReadParameterInfo(IFdtContext*, BSTR InstanceID, BSTR Name, IFdtParameter** Parameter)
 {
     STORE_ENTRY();
-    return E_NOTIMPL;
+    return EXCEPTION_GUARD([&]() -> HRESULT {
+        RETURN_IF_NULL(Parameter, E_POINTER);
+        m_parameter.bstrName = CopyOf(Name);
+        RETURN_IF_FAILED(ReadPara(InstanceID, true, true));
+        ComPtr<IFdtParameter> object;
+        RETURN_IF_FAILED(MakeDataObject<FdtParameter>(object));
+        RETURN_IF_FAILED(object->put_m_name(m_parameter.bstrName));
+        RETURN_IF_FAILED(object->put_m_value(m_parameter.value));
+        RETURN_IF_FAILED(object->put_m_defaultValue(m_parameter.defaultValue));
+        RETURN_IF_FAILED(object->put_m_index(m_parameter.index));
+        RETURN_IF_FAILED(object->put_m_dataType(static_cast<BYTE>(m_parameter.dataType)));
+        RETURN_IF_FAILED(object->put_m_size(m_parameter.size));
+        RETURN_IF_FAILED(object->put_m_objectType(m_parameter.objectType));
+        RETURN_IF_FAILED(object->put_m_mandatory(AsVariantBool(m_parameter.isMandatory)));
+        RETURN_IF_FAILED(object->put_m_private(AsVariantBool(m_parameter.isPrivate)));
+        RETURN_IF_FAILED(object->put_m_protected(AsVariantBool(m_parameter.isProtected)));
+        RETURN_IF_FAILED(object->put_m_locked(AsVariantBool(m_parameter.isLocked)));
+        *Parameter = object.Detach();
+        return S_OK;
+    });
 }
 
-STDMETHODIMP FbInstanceData::WriteParameterInfo(IFdtContext*, BSTR, IFdtParameter*)
+STDMETHODIMP FbInstanceData::WriteParameterInfo(IFdtContext*, BSTR InstanceID, IFdtParameter* Parameter)
 {
     STORE_ENTRY();
-    return E_NOTIMPL;
+    return EXCEPTION_GUARD([&]() -> HRESULT {
+        // A null object is refused like every other null argument.
+        RETURN_IF_NULL(Parameter, E_POINTER);
+        BYTE dataType = 0;
+        VARIANT_BOOL isMandatory = VARIANT_FALSE;
+        VARIANT_BOOL isPrivate = VARIANT_FALSE;
+        VARIANT_BOOL isProtected = VARIANT_FALSE;
+        VARIANT_BOOL isLocked = VARIANT_FALSE;
+        RETURN_IF_FAILED(Parameter->get_m_name(m_parameter.bstrName.GetAddress()));
+        RETURN_IF_FAILED(Parameter->get_m_value(m_parameter.value.GetAddress()));
+        RETURN_IF_FAILED(Parameter->get_m_defaultValue(m_parameter.defaultValue.GetAddress()));
+        RETURN_IF_FAILED(Parameter->get_m_index(&m_parameter.index));
+        RETURN_IF_FAILED(Parameter->get_m_dataType(&dataType));
+        m_parameter.dataType = dataType;
+        RETURN_IF_FAILED(Parameter->get_m_size(&m_parameter.size));
+        RETURN_IF_FAILED(Parameter->get_m_objectType(&m_parameter.objectType));
+        RETURN_IF_FAILED(Parameter->get_m_mandatory(&isMandatory));
+        RETURN_IF_FAILED(Parameter->get_m_private(&isPrivate));
+        RETURN_IF_FAILED(Parameter->get_m_protected(&isProtected));
+        RETURN_IF_FAILED(Parameter->get_m_locked(&isLocked));
+        m_parameter.isMandatory = isMandatory != 0;
+        m_parameter.isPrivate = isPrivate != 0;
+        m_parameter.isProtected = isProtected != 0;
+        m_parameter.isLocked = isLocked != 0;
+        RETURN_IF_FAILED(WritePara(InstanceID, true, true));
+        return S_OK;
+    });
 }
 
-STDMETHODIMP FbInstanceData::DeleteParameter(IFdtContext*, BSTR, BSTR)
+STDMETHODIMP FbInstanceData::DeleteParameter(IFdtContext*, BSTR InstanceID, BSTR Name)
 {
     STORE_ENTRY();
-    return E_NOTIMPL;
+    return EXCEPTION_GUARD([&]() -> HRESULT { return DestroyElementStream(InstanceID, Name, false); });
 }
 
-STDMETHODIMP FbInstanceData::GetAllParameters(IFdtContext*, BSTR, SAFEARRAY**)
+STDMETHODIMP FbInstanceData::GetAllParameters(IFdtContext* Context, BSTR InstanceID, SAFEARRAY** NameList)
 {
     STORE_ENTRY();
-    return E_NOTIMPL;
+    return EXCEPTION_GUARD([&]() -> HRESULT { return GetNameList(Context, InstanceID, NameList, false); });
 }
 
-STDMETHODIMP FbInstanceData::ReadList(IFdtContext*, BSTR, SAFEARRAY**, SAFEARRAY**)
+// ------------------------------------------------------------------ lists
+
+STDMETHODIMP FbInstanceData::ReadList(IFdtContext* Context, BSTR InstanceID, SAFEARRAY** NameList,
+                                      SAFEARRAY** ParameterValueSequence)
 {
     STORE_ENTRY();
-    return E_NOTIMPL;
+    return EXCEPTION_GUARD([&]() -> HRESULT {
+        RETURN_IF_NULL(NameList, E_POINTER);
+        RETURN_IF_NULL(ParameterValueSequence, E_POINTER);
+        ComVectorAccess<BSTR> names;
+        RETURN_IF_FAILED_QUIET(AccessList(names, *NameList));
+        ComVectorArray result;
+        RETURN_IF_FAILED_QUIET(result.Create<VARIANT>(names.Count(), 0, true));
+        ComVectorAccess<VARIANT> values;
+        RETURN_IF_FAILED_QUIET(AccessList(values, result.Get()));
+        for (ULONG i = 0; i < names.Count(); ++i)
+        {
+            _variant_t value;
+            RETURN_IF_FAILED_QUIET(ReadParameter(Context, InstanceID, names[i], &value));
+            values[i] = value.Detach();
+        }
+        RETURN_IF_FAILED_QUIET(values.Release());
+        return result.DetachTo(ParameterValueSequence);
+    });
 }
 
-STDMETHODIMP FbInstanceData::WriteList(IFdtContext*, BSTR, SAFEARRAY**, SAFEARRAY**)
+STDMETHODIMP FbInstanceData::WriteList(IFdtContext* Context, BSTR InstanceID, SAFEARRAY** NameList,
+                                       SAFEARRAY** ParameterValueSequence)
 {
     STORE_ENTRY();
-    return E_NOTIMPL;
+    return EXCEPTION_GUARD([&]() -> HRESULT {
+        RETURN_IF_NULL(NameList, E_POINTER);
+        RETURN_IF_NULL(ParameterValueSequence, E_POINTER);
+        ComVectorAccess<BSTR> names;
+        ComVectorAccess<VARIANT> values;
+        RETURN_IF_FAILED_QUIET(AccessList(names, *NameList));
+        RETURN_IF_FAILED_QUIET(AccessList(values, *ParameterValueSequence));
+        // Name i takes value i: fewer values than names is refused before
+        // anything is written, instead of reading past the values.
+        if (values.Count() < names.Count())
+            return E_INVALIDARG;
+        for (ULONG i = 0; i < names.Count(); ++i)
+            RETURN_IF_FAILED(WriteParameter(Context, InstanceID, names[i], values[i]));
+        return S_OK;
+    });
 }
 
-STDMETHODIMP FbInstanceData::LockParameter(IFdtContext*, BSTR, SAFEARRAY**)
+// ------------------------------------------------------ lock and protection
+
+STDMETHODIMP FbInstanceData::LockParameter(IFdtContext*, BSTR InstanceID, SAFEARRAY** NameList)
 {
     STORE_ENTRY();
-    return E_NOTIMPL;
+    return EXCEPTION_GUARD(
+        [&]() -> HRESULT { return ChangeParameterFlag(InstanceID, NameList, &ParameterRecord::isLocked, 0, 1); });
 }
 
-STDMETHODIMP FbInstanceData::UnlockParameter(IFdtContext*, BSTR, SAFEARRAY**)
+STDMETHODIMP FbInstanceData::UnlockParameter(IFdtContext*, BSTR InstanceID, SAFEARRAY** NameList)
 {
     STORE_ENTRY();
-    return E_NOTIMPL;
+    return EXCEPTION_GUARD(
+        [&]() -> HRESULT { return ChangeParameterFlag(InstanceID, NameList, &ParameterRecord::isLocked, 1, 0); });
 }
 
-STDMETHODIMP FbInstanceData::ProtectParameter(IFdtContext*, BSTR, SAFEARRAY**)
+STDMETHODIMP FbInstanceData::ProtectParameter(IFdtContext*, BSTR InstanceID, SAFEARRAY** NameList)
 {
     STORE_ENTRY();
-    return E_NOTIMPL;
+    return EXCEPTION_GUARD(
+        [&]() -> HRESULT { return ChangeParameterFlag(InstanceID, NameList, &ParameterRecord::isProtected, 0, 1); });
 }
 
-STDMETHODIMP FbInstanceData::ReleaseParameter(IFdtContext*, BSTR, SAFEARRAY**)
+STDMETHODIMP FbInstanceData::ReleaseParameter(IFdtContext*, BSTR InstanceID, SAFEARRAY** NameList)
 {
     STORE_ENTRY();
-    return E_NOTIMPL;
+    return EXCEPTION_GUARD(
+        [&]() -> HRESULT { return ChangeParameterFlag(InstanceID, NameList, &ParameterRecord::isProtected, 1, 0); });
 }
-

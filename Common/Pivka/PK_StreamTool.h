@@ -31,4 +31,7 @@ public:
     // One value in the value encoding: the 2-byte VARTYPE, then a fixed-width
     // payload, a persisted object, or the value's text as a string.
     static HRESULT Write(IStream* stream, const VARIANT& value);
+    // Payload width of a VARTYPE stored as fixed-width bytes; 0 for objects
+    // and for every VARTYPE stored as text.
+    static ULONG ValueWidth(VARTYPE vt);
 };

@@ -1,6 +1,8 @@
 // Stream and storage helpers, and the stream encodings of strings and values.
 #include "PK_StreamTool.h"
 #include <ole2.h>
+#include <wrl/client.h>
+#include <cstddef>
 
 HRESULT CStreamTool::Open(IStorage* parent, const wchar_t* name, IStorage** storage, DWORD mode)
 {
@@ -139,8 +141,65 @@ HRESULT CStreamTool::Write(IStream* stream, BSTR string)
     return Write(stream, &terminator, sizeof terminator, nullptr);
 }
 
+ULONG CStreamTool::ValueWidth(VARTYPE vt)
+{
+    switch (vt)
+    {
+    case VT_I1:
+    case VT_UI1:
+        return 1;
+    case VT_I2:
+    case VT_UI2:
+    case VT_BOOL:
+        return 2;
+    case VT_I4:
+    case VT_UI4:
+    case VT_R4:
+    case VT_INT:
+    case VT_UINT:
+    case VT_ERROR:
+        return 4;
+    case VT_R8:
+    case VT_CY:
+    case VT_DATE:
+        return 8;
+    default:
+        return 0;
+    }
+}
+
+// The fixed-width payloads are the first bytes of the VARIANT's value, in the
+// same place on 32 and 64 bits.
+static_assert(offsetof(VARIANT, bVal) == 8 && offsetof(VARIANT, cyVal) == 8, "payload starts after the header");
+
 HRESULT CStreamTool::Write(IStream* stream, const VARIANT& value)
 {
-    // The value encoding is completed together with the parameter streams.
-    return E_NOTIMPL;
+    if (!stream)
+        return E_POINTER;
+    const VARTYPE vt = V_VT(&value);
+    const ULONG width = ValueWidth(vt);
+    const bool object = vt == VT_DISPATCH || vt == VT_UNKNOWN;
+
+    // What cannot be stored is refused before the VARTYPE is written.
+    Microsoft::WRL::ComPtr<IPersistStream> persist;
+    _variant_t text;
+    HRESULT hr = S_OK;
+    if (object && V_UNKNOWN(&value))
+        hr = V_UNKNOWN(&value)->QueryInterface(IID_IPersistStream, reinterpret_cast<void**>(persist.GetAddressOf()));
+    else if (!width && !object && vt != VT_BSTR)
+        // VariantChangeType only reads its source; the platform declares it non-const.
+        hr = VariantChangeType(&text, const_cast<VARIANT*>(&value), 0, VT_BSTR);
+    if (FAILED(hr))
+        return hr;
+
+    hr = Write(stream, &vt, sizeof vt, nullptr);
+    if (FAILED(hr))
+        return hr;
+    if (width)
+        return Write(stream, &V_UI1(&value), width, nullptr);
+    if (object)
+        // No object is stored as the null class, which is what the platform
+        // writes for one and its load refuses.
+        return persist ? OleSaveToStream(persist.Get(), stream) : WriteClassStm(stream, CLSID_NULL);
+    return Write(stream, vt == VT_BSTR ? V_BSTR(&value) : V_BSTR(&text));
 }

@@ -1,0 +1,42 @@
+"""The store's stream encodings for the byte checks, and the check itself:
+streams of a store file read with olefile instead of the platform's
+structured storage and compared byte for byte."""
+import struct
+
+import olefile
+
+
+def u32(*values):
+    return b''.join(struct.pack('<I', value & 0xFFFFFFFF) for value in values)
+
+
+def vt(value):
+    return struct.pack('<H', value)
+
+
+def string(text):
+    """A string in the store's encoding; None is the null string."""
+    if text is None:
+        return u32(0)
+    units = text.encode('utf-16-le') + b'\0\0'
+    return u32(len(units)) + units
+
+
+def check(path, expected, sizes):
+    """Compares the streams of path with expected (name -> bytes) and their
+    sizes with sizes (name -> count); prints the differences and gives the
+    exit code."""
+    failures = []
+    with olefile.OleFileIO(path) as ole:
+        for name, content in expected.items():
+            actual = ole.openstream(name).read() if ole.exists(name) else None
+            if actual != content:
+                failures.append('%s:\n  %r\n  expected %r' % (name, actual, content))
+        for name, size in sizes.items():
+            actual = ole.get_size(name) if ole.exists(name) else None
+            if actual != size:
+                failures.append('%s: %r bytes, expected %d' % (name, actual, size))
+    for failure in failures:
+        print(failure)
+    print('%d failures' % len(failures))
+    return 1 if failures else 0
