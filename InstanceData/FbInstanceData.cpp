@@ -238,6 +238,9 @@ HRESULT FbInstanceData::OpenInstanceStorage(BSTR instanceId, IStorage** storage)
 {
     if (!storage)
         return E_POINTER;
+    // Windows refuses an element without a name; Wine would make one.
+    if (!instanceId || !instanceId[0])
+        return TraceErrorLine(THIS_FILE, __LINE__, STG_E_INVALIDNAME);
     const bool cached = m_pInstanceStorage && m_szInstanceStorageName[0] && SameText(m_szInstanceStorageName, instanceId);
     if (!cached)
     {
