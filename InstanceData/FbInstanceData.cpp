@@ -248,8 +248,14 @@ HRESULT FbInstanceData::OpenInstanceStorage(BSTR instanceId, IStorage** storage)
         if (m_pInstanceStorage)
             m_pInstanceStorage->Release();
         m_pInstanceStorage = nullptr;
-        const HRESULT hr = CStreamTool::Open(m_pRootStorage, m_szInstanceStorageName, &m_pInstanceStorage,
-                                             IDS_STORAGE_MODE);
+        // Only Create brings an instance storage into being: an operation on an
+        // identifier without instance must not leave an empty storage behind,
+        // which the instance list would then show.
+        const HRESULT hr =
+            m_bCreatingInstance || !m_pRootStorage
+                ? CStreamTool::Open(m_pRootStorage, m_szInstanceStorageName, &m_pInstanceStorage, IDS_STORAGE_MODE)
+                : m_pRootStorage->OpenStorage(m_szInstanceStorageName, nullptr, IDS_STORAGE_MODE, nullptr, 0,
+                                              &m_pInstanceStorage);
         if (FAILED(hr))
         {
             m_szInstanceStorageName[0] = L'\0';

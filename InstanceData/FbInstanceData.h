@@ -267,6 +267,7 @@ private:
     IStorage* m_pRootStorage = nullptr;
     WCHAR m_szInstanceStorageName[32] = {};
     IStorage* m_pInstanceStorage = nullptr;
+    bool m_bCreatingInstance = false;   // set while Create writes a new instance
     AdminRecord m_admin;
     InstanceRecord m_instance;
     _bstr_t m_bstrElementName;

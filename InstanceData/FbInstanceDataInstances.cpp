@@ -266,7 +266,10 @@ STDMETHODIMP FbInstanceData::Create(IFdtContext*, IFdtDtmDescriptor* DtmDescript
         RETURN_IF_FAILED(WriteAdmin());
 
         m_instance.Reset();
-        RETURN_IF_FAILED_QUIET(WriteInstanceStream(id, false));
+        m_bCreatingInstance = true;
+        const HRESULT created = WriteInstanceStream(id, false);
+        m_bCreatingInstance = false;
+        RETURN_IF_FAILED_QUIET(created);
         m_streamNameMap.Clear();
         RETURN_IF_FAILED_QUIET(WriteStreamNameMap(id));
         HRESULT hr = WriteToInstance(DtmDescriptor, id);

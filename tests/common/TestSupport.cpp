@@ -166,6 +166,8 @@ std::vector<unsigned char> ReadStreamBytes(const wchar_t* file, const wchar_t* p
     ComPtr<IStorage> storage;
     if (FAILED(StgOpenStorage(file, nullptr, STGM_READ | STGM_SHARE_EXCLUSIVE, nullptr, 0, storage.GetAddressOf())))
         return bytes;
+    // Every storage on the way stays open: Wine invalidates a child whose parent is released.
+    std::vector<ComPtr<IStorage>> parents;
     std::wstring rest = path;
     for (size_t slash; (slash = rest.find(L'/')) != std::wstring::npos; rest = rest.substr(slash + 1))
     {
@@ -173,6 +175,7 @@ std::vector<unsigned char> ReadStreamBytes(const wchar_t* file, const wchar_t* p
         if (FAILED(storage->OpenStorage(rest.substr(0, slash).c_str(), nullptr, STGM_READ | STGM_SHARE_EXCLUSIVE,
                                         nullptr, 0, child.GetAddressOf())))
             return bytes;
+        parents.push_back(storage);
         storage = child;
     }
     ComPtr<IStream> stream;

@@ -187,9 +187,10 @@ TEST(Lifecycle, DeletingTheInstanceInUse)
 
     EXPECT_EQ(S_OK, store->Delete(nullptr, kOne));
     EXPECT_EQ(Ids{L"2"}, InstanceList(store));
-    // A later access to the name finds nothing of the destroyed instance.
-    EXPECT_EQ(E_FAIL, store->GetAllParameters(nullptr, kOne, &names));
-    EXPECT_EQ(E_FAIL, store->LockInstance(nullptr, kOne));
+    // A later access to the name finds nothing of the destroyed instance,
+    // and leaves nothing behind that the instance list would show.
+    EXPECT_EQ(STG_E_FILENOTFOUND, store->GetAllParameters(nullptr, kOne, &names));
+    EXPECT_EQ(STG_E_FILENOTFOUND, store->LockInstance(nullptr, kOne));
     EXPECT_EQ(L"", DeviceOf(store, L"1"));
     SafeArrayDestroy(names);
 
@@ -200,7 +201,8 @@ TEST(Lifecycle, DeletingTheInstanceInUse)
     EXPECT_EQ(S_OK, store->Delete(nullptr, kThree));
     const Ids left = InstanceList(store);
     EXPECT_EQ(left.end(), std::find(left.begin(), left.end(), L"3"));
-    EXPECT_EQ(E_FAIL, store->UnlockInstance(nullptr, kThree));
+    EXPECT_EQ(STG_E_FILENOTFOUND, store->UnlockInstance(nullptr, kThree));
+    EXPECT_EQ(Ids{L"2"}, InstanceList(store));
 }
 
 TEST(Lifecycle, DuplicateCopiesEverything)

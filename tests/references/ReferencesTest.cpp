@@ -165,11 +165,11 @@ TEST_F(ReferenceStore, ReferencesOutliveTheDeletedInstance)
 TEST_F(ReferenceStore, AnUnreadableSubIsNotRolledBack)
 {
     TraceCapture trace;
-    EXPECT_EQ(E_FAIL, Add(kOne, kP, _bstr_t(L"42")));
-    EXPECT_TRUE(trace.Contains(": error 0x80004005: ")) << trace.Text();
+    EXPECT_EQ(STG_E_FILENOTFOUND, Add(kOne, kP, _bstr_t(L"42")));
+    EXPECT_TRUE(trace.Contains(": error 0x80030002: ")) << trace.Text();
     EXPECT_EQ((References{{L"42", L"P"}}), SubReferences(Store(), kOne));
     ComPtr<IFdtInstanceDataRef> super;
-    EXPECT_EQ(E_FAIL, Store()->GetSuperInstanceData(nullptr, _bstr_t(L"42"), super.GetAddressOf()));
+    EXPECT_EQ(STG_E_FILENOTFOUND, Store()->GetSuperInstanceData(nullptr, _bstr_t(L"42"), super.GetAddressOf()));
     EXPECT_FALSE(super);
 }
 
