@@ -231,16 +231,6 @@ private:
     // and writes its version.
     HRESULT OpenDescriptorStream(IDispatch* descriptor, BSTR instanceId, const wchar_t* name, bool rewrite,
                                  IStorage** storage, IStream** stream);
-    // A new data object from its class's factory; target holds its one reference.
-    template <class Object, class Interface>
-    static HRESULT MakeDataObject(Microsoft::WRL::ComPtr<Interface>& target)
-    {
-        Object* object = nullptr;
-        const HRESULT hr = Object::CreateInstance(&object);
-        if (SUCCEEDED(hr))
-            target = object;
-        return hr;
-    }
     // Common body of LockParameter and its three siblings.
     HRESULT ChangeParameterFlag(BSTR instanceId, SAFEARRAY** nameList, DWORD ParameterRecord::*flag,
                                 DWORD from, DWORD to);

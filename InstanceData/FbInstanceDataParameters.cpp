@@ -4,6 +4,7 @@
 #include <wrl/client.h>
 #include <cstring>
 #include "Common/ErrorTrace.h"
+#include "Common/VariantCopy.h"
 #include "Common/StreamIo.h"
 #include "NonCreateables/FdtParameter.h"
 
@@ -113,25 +114,6 @@ bool SameValue(const VARIANT& left, const VARIANT& right)
     default:
         return false;
     }
-}
-
-// A deep copy of source into copy, whose old content is not looked at. A
-// null string stays null: the platform's copy may give an empty one, which
-// is stored otherwise. What a failed copy leaves may share source's data, so
-// it is dropped unfreed and copy is VT_EMPTY.
-HRESULT CopyVariant(const VARIANT& source, VARIANT& copy)
-{
-    VariantInit(&copy);
-    if (V_VT(&source) == VT_BSTR && !V_BSTR(&source))
-    {
-        V_VT(&copy) = VT_BSTR;
-        V_BSTR(&copy) = nullptr;
-        return S_OK;
-    }
-    const HRESULT hr = VariantCopy(&copy, const_cast<VARIANT*>(&source));
-    if (FAILED(hr))
-        VariantInit(&copy);
-    return hr;
 }
 
 // A copy of source in target; a copy that fails is kept as VT_ERROR holding

@@ -21,16 +21,6 @@ constexpr DWORD kRegistrationContext =
     CLSCTX_INPROC_SERVER | CLSCTX_INPROC_HANDLER | CLSCTX_LOCAL_SERVER | CLSCTX_REMOTE_SERVER;
 static_assert(kRegistrationContext == 0x17, "class context of the registration component");
 
-// A new data object on which target holds the one reference.
-template <class Object, class Interface>
-HRESULT NewDataObject(ComPtr<Interface>& target)
-{
-    Object* object = nullptr;
-    RETURN_IF_FAILED_QUIET(Object::CreateInstance(&object));
-    target = object;
-    return S_OK;
-}
-
 // An unknown programmatic identifier leaves the null class id, whose
 // creation then fails.
 HRESULT CreateModuleRegistry(ComPtr<IFbModuleRegistry>& registry)
@@ -45,7 +35,7 @@ HRESULT CreateModuleRegistry(ComPtr<IFbModuleRegistry>& registry)
 // The setters' results are not looked at.
 HRESULT NewDescriptor(ComPtr<IFdtInstanceDataDescriptor>& descriptor)
 {
-    RETURN_IF_FAILED_QUIET(NewDataObject<FdtInstanceDataDescriptor>(descriptor));
+    RETURN_IF_FAILED_QUIET(MakeDataObject<FdtInstanceDataDescriptor>(descriptor));
     descriptor->put_m_name(_bstr_t(kInstanceDataDescriptorName));
     return S_OK;
 }
@@ -54,7 +44,7 @@ HRESULT NewDescriptor(ComPtr<IFdtInstanceDataDescriptor>& descriptor)
 // the module's version resource.
 HRESULT NewInfo(ComPtr<IFdtInstanceDataInfo>& info)
 {
-    RETURN_IF_FAILED_QUIET(NewDataObject<FdtInstanceDataInfo>(info));
+    RETURN_IF_FAILED_QUIET(MakeDataObject<FdtInstanceDataInfo>(info));
     CVersionResource version;
     version.InitFromModuleHandle(CProcessInfo::GetModuleHandleFromAddress(kRegistrationComponent));
     info->put_m_displayName(_bstr_t(L"VQ instance data"));
@@ -67,7 +57,7 @@ HRESULT NewInfo(ComPtr<IFdtInstanceDataInfo>& info)
 
 HRESULT NewClassId(ComPtr<IFdtClassID>& classId)
 {
-    RETURN_IF_FAILED_QUIET(NewDataObject<FdtClassID>(classId));
+    RETURN_IF_FAILED_QUIET(MakeDataObject<FdtClassID>(classId));
     LPOLESTR text = nullptr;
     RETURN_IF_FAILED_QUIET(StringFromCLSID(CLSID_FbInstanceData, &text));
     const _bstr_t registryForm(text);

@@ -1,5 +1,6 @@
 #include "NonCreateables/FdtField.h"
 #include "Common/ErrorTrace.h"
+#include "Common/VariantCopy.h"
 
 HRESULT FdtString::Get(BSTR* value, const char*, int) const
 {
@@ -27,16 +28,15 @@ HRESULT FdtVariant::Get(VARIANT* value, const char* file, int line) const
     const HRESULT hr = VariantClear(value);
     if (FAILED(hr))
         return TraceErrorLine(file, line, hr);
-    return VariantCopy(value, const_cast<VARIANT*>(&m_value));
+    return CopyVariant(m_value, *value);
 }
 
 HRESULT FdtVariant::Put(VARIANT value)
 {
-    // Copied aside first: a failed copy may leave a shallow copy of the
-    // argument behind, which must not be cleared as if it were ours.
+    // Copied aside first, so that a failed copy never clears the member
+    // into a half-made state.
     VARIANT copy;
-    VariantInit(&copy);
-    const HRESULT hr = VariantCopy(&copy, &value);
+    const HRESULT hr = CopyVariant(value, copy);
     if (FAILED(hr))
     {
         V_VT(&copy) = VT_ERROR;

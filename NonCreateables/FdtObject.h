@@ -20,6 +20,7 @@
 #include <windows.h>
 #include <oaidl.h>
 #include <new>
+#include <wrl/client.h>
 #include "FdtInterfaces.h"
 #include "Common/ErrorTrace.h"
 #include "InstanceData/DispatchImpl.h"
@@ -130,3 +131,14 @@ private:                                                                 \
     {                                                                                    \
         return EXCEPTION_GUARD([&] { return name.Put(value); });                        \
     }
+
+// A new data object from its class's factory; target holds its one reference.
+template <class Object, class Interface>
+HRESULT MakeDataObject(Microsoft::WRL::ComPtr<Interface>& target)
+{
+    Object* object = nullptr;
+    const HRESULT hr = Object::CreateInstance(&object);
+    if (SUCCEEDED(hr))
+        target = object;
+    return hr;
+}

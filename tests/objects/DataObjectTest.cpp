@@ -550,6 +550,15 @@ TEST_F(DataObjects, VariantGetterGivesAnIndependentDeepCopy)
     // m_value and m_defaultValue are separate fields.
     EXPECT_EQ(S_OK, parameter->get_m_value(read.GetAddress()));
     EXPECT_EQ(VT_BSTR, read.vt);
+
+    // A null string stays null both ways: the store encodes it apart from an empty one.
+    VARIANT nullString;
+    nullString.vt = VT_BSTR;
+    nullString.bstrVal = nullptr;
+    ASSERT_EQ(S_OK, parameter->put_m_value(nullString));
+    ASSERT_EQ(S_OK, parameter->get_m_value(read.GetAddress()));
+    EXPECT_EQ(VT_BSTR, read.vt);
+    EXPECT_EQ(nullptr, read.bstrVal);
 }
 
 TEST_F(DataObjects, VariantThatCannotBeCopiedIsKeptAsError)
