@@ -1,8 +1,8 @@
 #pragma once
-// Support for the instance and reference tests: descriptor objects written
-// here (the store must take any implementation of the descriptor
-// interfaces, not only its own), instance creation, and direct access to the
-// streams of an instance through the root storage that the frame holds.
+// Support for the instance and reference tests: descriptor objects of the
+// test's own (the store must take any implementation of the descriptor
+// interfaces), a store file per test and direct access to its streams.
+#include <gtest/gtest.h>
 #include <string>
 #include <vector>
 #include "TestSupport.h"
@@ -10,22 +10,25 @@
 
 namespace instance_testing
 {
-// IUnknown and an IDispatch that offers no type information: the least a
-// caller's object of a dual interface must have.
+typedef std::vector<unsigned char> Bytes;
+typedef std::vector<std::wstring> Ids;
+typedef std::pair<std::wstring, std::wstring> Reference;   // instance identifier, parameter name
+typedef std::vector<Reference> References;
+
+// IUnknown and an IDispatch without type information: the least a caller's
+// object of a dual interface has.
 template <class Interface>
-class MinimalObject : public Interface
+class TestObject : public Interface
 {
 public:
     STDMETHODIMP QueryInterface(REFIID iid, void** object) override
     {
         if (!object)
             return E_POINTER;
-        *object = nullptr;
-        if (!IsEqualIID(iid, IID_IUnknown) && !IsEqualIID(iid, IID_IDispatch) && !IsEqualIID(iid, __uuidof(Interface)))
-            return E_NOINTERFACE;
-        *object = static_cast<Interface*>(this);
-        AddRef();
-        return S_OK;
+        const bool known =
+            IsEqualIID(iid, IID_IUnknown) || IsEqualIID(iid, IID_IDispatch) || IsEqualIID(iid, __uuidof(Interface));
+        *object = known ? static_cast<Interface*>(this) : nullptr;
+        return known ? (AddRef(), S_OK) : E_NOINTERFACE;
     }
     STDMETHODIMP_(ULONG) AddRef() override { return ++m_refCount; }
     STDMETHODIMP_(ULONG) Release() override
@@ -35,149 +38,231 @@ public:
             delete this;
         return count;
     }
-    STDMETHODIMP GetTypeInfoCount(UINT* count) override
-    {
-        *count = 0;
-        return S_OK;
-    }
+    STDMETHODIMP GetTypeInfoCount(UINT* count) override { return *count = 0, S_OK; }
     STDMETHODIMP GetTypeInfo(UINT, LCID, ITypeInfo**) override { return E_NOTIMPL; }
     STDMETHODIMP GetIDsOfNames(REFIID, LPOLESTR*, UINT, LCID, DISPID*) override { return E_NOTIMPL; }
     STDMETHODIMP Invoke(DISPID, REFIID, LCID, WORD, DISPPARAMS*, VARIANT*, EXCEPINFO*, UINT*) override
     {
         return E_NOTIMPL;
     }
-    virtual ~MinimalObject() = default;
+    virtual ~TestObject() = default;
 
-    // Makes every getter fail with this result.
-    HRESULT failGet = S_OK;
+    HRESULT failGet = S_OK;   // every getter fails with this result when set
 
 protected:
     template <class T>
-    HRESULT Give(T* out, const T& field)
-    {
-        if (FAILED(failGet))
-            return failGet;
-        *out = field;
-        return S_OK;
-    }
+    HRESULT Give(T* out, T field) { return FAILED(failGet) ? failGet : (*out = field, S_OK); }
     HRESULT Give(BSTR* out, const _bstr_t& field) { return FAILED(failGet) ? failGet : (*out = field.copy(), S_OK); }
-    template <class T, class V>
-    static HRESULT Take(T& field, const V& value)
-    {
-        field = value;
-        return S_OK;
-    }
 
 private:
     ULONG m_refCount = 0;
 };
 
-// A DTM descriptor of the caller.
-class TestDtmDescriptor final : public MinimalObject<IFdtDtmDescriptor>
+#define TEST_PROPERTY(name, type, field)                                        \
+    STDMETHODIMP get_##name(type* value) override { return Give(value, field); } \
+    STDMETHODIMP put_##name(type value) override { return field = value, S_OK; }
+
+class TestDtmDescriptor final : public TestObject<IFdtDtmDescriptor>
 {
 public:
     BYTE category = 1;
-    LONG classification = 0;
-    _bstr_t device;
-    _bstr_t node;
-    LONG application = 0x020001FE;
-    LONG language = 0x400;
-
-    STDMETHODIMP get_m_category(BYTE* value) override { return Give(value, category); }
-    STDMETHODIMP put_m_category(BYTE value) override { return Take(category, value); }
-    STDMETHODIMP get_m_classification(LONG* value) override { return Give(value, classification); }
-    STDMETHODIMP put_m_classification(LONG value) override { return Take(classification, value); }
-    STDMETHODIMP get_m_device(BSTR* value) override { return Give(value, device); }
-    STDMETHODIMP put_m_device(BSTR value) override { return Take(device, value); }
-    STDMETHODIMP get_m_node(BSTR* value) override { return Give(value, node); }
-    STDMETHODIMP put_m_node(BSTR value) override { return Take(node, value); }
-    STDMETHODIMP get_m_application(LONG* value) override { return Give(value, application); }
-    STDMETHODIMP put_m_application(LONG value) override { return Take(application, value); }
-    STDMETHODIMP get_m_language(LONG* value) override { return Give(value, language); }
-    STDMETHODIMP put_m_language(LONG value) override { return Take(language, value); }
+    LONG classification = 0, application = 0x020001FE, language = 0x400;
+    _bstr_t device, node;
+    TEST_PROPERTY(m_category, BYTE, category)
+    TEST_PROPERTY(m_classification, LONG, classification)
+    TEST_PROPERTY(m_device, BSTR, device)
+    TEST_PROPERTY(m_node, BSTR, node)
+    TEST_PROPERTY(m_application, LONG, application)
+    TEST_PROPERTY(m_language, LONG, language)
 };
 
-// A communication descriptor of the caller.
-class TestCommDescriptor final : public MinimalObject<IFdtCommunicationDescriptor>
+class TestCommDescriptor final : public TestObject<IFdtCommunicationDescriptor>
 {
 public:
     BYTE category = 1;
     _bstr_t name;
-
-    STDMETHODIMP get_m_category(BYTE* value) override { return Give(value, category); }
-    STDMETHODIMP put_m_category(BYTE value) override { return Take(category, value); }
-    STDMETHODIMP get_m_name(BSTR* value) override { return Give(value, name); }
-    STDMETHODIMP put_m_name(BSTR value) override { return Take(name, value); }
+    TEST_PROPERTY(m_category, BYTE, category)
+    TEST_PROPERTY(m_name, BSTR, name)
 };
+#undef TEST_PROPERTY
 
-template <class Object>
-ComPtr<Object> Make()
+// The store is one per process and keeps its file until it opens another:
+// a failed open makes it give the file up.
+inline void GiveUpFile(IInstanceDataMgr* manager)
 {
-    return ComPtr<Object>(new Object);
+    ComPtr<IStorage> none;
+    ASSERT_TRUE(FAILED(manager->OpenStorage(_bstr_t((TestFilesDirectory() + L"no such folder\\x.stg").c_str()),
+                                            none.GetAddressOf())));
 }
 
-// A store file of the running test's own (named after the test), opened by
-// the store; given up again, and removed unless kept, at the end.
-class StoreSession
+// A store file named after the running test (unless named), opened as a
+// frame opens it, given up and removed (unless kept) at the end.
+class Session
 {
 public:
-    explicit StoreSession(const wchar_t* name = nullptr);
-    ~StoreSession();
+    explicit Session(const wchar_t* name = nullptr) : m_file(name ? name : TestName().c_str()), m_open(Open()) {}
+    ~Session()
+    {
+        m_open.root.Reset();
+        GiveUpFile(m_open.manager.Get());
+    }
     IFbInstanceData* Store() const { return m_open.store.Get(); }
-    IInstanceDataMgr* Manager() const { return m_open.manager.Get(); }
+    IFbInstanceData* operator->() const { return Store(); }
     IStorage* Root() const { return m_open.root.Get(); }
-    const wchar_t* Path() const { return m_file.Path(); }
     void Keep() { m_file.Keep(); }
-    // Commits the root, gives the file up and opens it again, as a frame
-    // does between two sessions.
-    void Reopen();
-    // Commits the root and gives the file up, so that it can be read from disk.
-    void Close();
+    void Commit() { m_open.Commit(); }
+    // Commits, gives the file up and opens it again: the frame's next session.
+    void Reopen()
+    {
+        Commit();
+        m_open.root.Reset();
+        GiveUpFile(m_open.manager.Get());
+        m_open = Open();
+    }
+
+    // A stream of an instance storage (of the root when id is null), read or
+    // replaced through the root. An open storage cannot be opened twice: the
+    // store gives up the one it holds when asked about an identifier without
+    // instance (which traces a failed open).
+    Bytes Stream(const wchar_t* id, const wchar_t* name)
+    {
+        ComPtr<IStorage> storage = Storage(id);
+        ComPtr<IStream> stream;
+        Bytes bytes(4096);
+        ULONG read = 0;
+        if (storage && SUCCEEDED(storage->OpenStream(name, nullptr, kMode, 0, stream.GetAddressOf())))
+            stream->Read(bytes.data(), static_cast<ULONG>(bytes.size()), &read);
+        bytes.resize(read);
+        return bytes;
+    }
+    void Replace(const wchar_t* id, const wchar_t* name, const Bytes& bytes)
+    {
+        ComPtr<IStorage> storage = Storage(id);
+        ComPtr<IStream> stream;
+        ASSERT_TRUE(storage);
+        ASSERT_EQ(S_OK, storage->CreateStream(name, kMode | STGM_CREATE, 0, 0, stream.GetAddressOf()));
+        const void* data = bytes.empty() ? "" : static_cast<const void*>(bytes.data());   // never null
+        ASSERT_EQ(S_OK, stream->Write(data, static_cast<ULONG>(bytes.size()), nullptr));
+        ASSERT_EQ(S_OK, storage->Commit(STGC_DEFAULT));
+    }
+
+    static constexpr DWORD kMode = STGM_READWRITE | STGM_SHARE_EXCLUSIVE;
 
 private:
+    static std::wstring TestName()
+    {
+        const testing::TestInfo* test = testing::UnitTest::GetInstance()->current_test_info();
+        const std::string text = std::string(test->test_suite_name()) + "-" + test->name() + ".stg";
+        return std::wstring(text.begin(), text.end());
+    }
+    OpenStore Open() const { return OpenStore::At(m_file.Bstr()); }
+    ComPtr<IStorage> Storage(const wchar_t* id)
+    {
+        if (!id)
+            return m_open.root;
+        ComPtr<IFdtDescriptor> none;
+        Store()->ReadIdentification(nullptr, _bstr_t(L"0"), none.GetAddressOf());
+        ComPtr<IStorage> storage;
+        EXPECT_EQ(S_OK, Root()->OpenStorage(id, nullptr, kMode, nullptr, 0, storage.GetAddressOf())) << id;
+        return storage;
+    }
+
     TempStoreFile m_file;
     OpenStore m_open;
 };
 
-// Gives up whatever file the store holds, by opening a parking file.
-void ReleaseStoreFile(IInstanceDataMgr* manager);
+// A string result as text; null gives "".
+inline std::wstring Str(const _bstr_t& value)
+{
+    return value.length() ? static_cast<const wchar_t*>(value) : L"";
+}
 
-// Creates an instance with the given descriptors (default ones when null);
-// an empty string when Create fails.
-std::wstring NewInstance(IFbInstanceData* store, IFdtDtmDescriptor* dtm = nullptr,
-                         IFdtCommunicationDescriptor* comm = nullptr);
+// Creates an instance from the given descriptors (new test objects when
+// null); an empty string when Create fails.
+inline std::wstring NewInstance(IFbInstanceData* store, IFdtDtmDescriptor* dtm = nullptr,
+                                IFdtCommunicationDescriptor* comm = nullptr)
+{
+    ComPtr<IFdtDtmDescriptor> defaultDtm = new TestDtmDescriptor;
+    ComPtr<IFdtCommunicationDescriptor> defaultComm = new TestCommDescriptor;
+    _bstr_t id;
+    EXPECT_EQ(S_OK, store->Create(nullptr, dtm ? dtm : defaultDtm.Get(), comm ? comm : defaultComm.Get(),
+                                  id.GetAddress()));
+    return Str(id);
+}
 
-// The identifiers that GetInstanceDataList gives.
-std::vector<std::wstring> InstanceList(IFbInstanceData* store);
+inline Ids InstanceList(IFbInstanceData* store)
+{
+    SAFEARRAY* list = nullptr;
+    EXPECT_EQ(S_OK, store->GetInstanceDataList(nullptr, &list));
+    const Ids ids = ReadBstrArray(list);
+    SafeArrayDestroy(list);
+    return ids;
+}
 
-// References as (instance identifier, parameter name) pairs.
-typedef std::pair<std::wstring, std::wstring> Reference;
-typedef std::vector<Reference> References;
-// What GetSubInstanceData and GetSuperInstanceData give.
-References SubReferences(IFbInstanceData* store, BSTR id);
-Reference SuperReference(IFbInstanceData* store, BSTR id);
+inline Reference ReferenceOf(IUnknown* object)
+{
+    ComPtr<IFdtInstanceDataRef> reference;
+    _bstr_t instance, parameter;
+    if (!object || FAILED(object->QueryInterface(IID_PPV_ARGS(&reference))) ||
+        FAILED(reference->get_m_instanceID(instance.GetAddress())) ||
+        FAILED(reference->get_m_parameterName(parameter.GetAddress())))
+        return Reference(L"<none>", L"<none>");
+    return Reference(Str(instance), Str(parameter));
+}
 
-// Makes the store open another instance, so that the frame may open the
-// storage of any other one through the root (an open storage cannot be opened
-// twice). ReadIdentification only reads.
-void ParkStoreOn(IFbInstanceData* store, const wchar_t* bystander);
+// What GetSubInstanceData and GetSuperInstanceData give. The sub-instance
+// list is always a one-dimensional array of objects from index 0.
+inline References SubReferences(IFbInstanceData* store, BSTR id)
+{
+    References pairs;
+    SAFEARRAY* list = nullptr;
+    EXPECT_EQ(S_OK, store->GetSubInstanceData(nullptr, id, &list));
+    VARTYPE type = VT_EMPTY;
+    LONG lower = -1, upper = -2;
+    SafeArrayGetVartype(list, &type);
+    SafeArrayGetLBound(list, 1, &lower);
+    SafeArrayGetUBound(list, 1, &upper);
+    EXPECT_EQ((std::vector<LONG>{VT_UNKNOWN, 1, 0}), (std::vector<LONG>{type, LONG(SafeArrayGetDim(list)), lower}));
+    for (LONG index = lower; index <= upper; ++index)
+    {
+        ComPtr<IUnknown> element;
+        SafeArrayGetElement(list, &index, element.GetAddressOf());
+        pairs.push_back(ReferenceOf(element.Get()));
+    }
+    SafeArrayDestroy(list);
+    return pairs;
+}
 
-// A stream of an instance storage, read or replaced through the root; the
-// store must not hold that instance open (see ParkStoreOn).
-std::vector<unsigned char> InstanceStream(IStorage* root, const wchar_t* id, const wchar_t* stream);
-void ReplaceInstanceStream(IStorage* root, const wchar_t* id, const wchar_t* stream,
-                           const std::vector<unsigned char>& bytes);
-// Names and contents of every stream of an instance storage.
-std::vector<std::pair<std::wstring, std::vector<unsigned char>>> AllInstanceStreams(IStorage* root,
-                                                                                     const wchar_t* id);
+inline Reference SuperReference(IFbInstanceData* store, BSTR id)
+{
+    ComPtr<IFdtInstanceDataRef> reference;
+    EXPECT_EQ(S_OK, store->GetSuperInstanceData(nullptr, id, reference.GetAddressOf()));
+    return ReferenceOf(reference.Get());
+}
 
-// Checks that a list result is a one-dimensional array of type elements
-// from index 0, count of them, and destroys it.
-void ExpectListAndDestroy(SAFEARRAY* list, VARTYPE type, LONG count);
+// Stream fields: little-endian DWORDs; a string as its byte count with the
+// terminating zero and UTF-16 units (null: count 0 alone).
+inline Bytes operator+(Bytes left, const Bytes& right)
+{
+    left.insert(left.end(), right.begin(), right.end());
+    return left;
+}
 
-// Byte images of stream fields, for building and comparing streams.
-void AppendDword(std::vector<unsigned char>& bytes, DWORD value);
-void AppendString(std::vector<unsigned char>& bytes, const wchar_t* text);   // null: N = 0
+inline Bytes Dwords(std::initializer_list<DWORD> values)
+{
+    Bytes bytes;
+    for (DWORD value : values)
+        for (int shift = 0; shift < 32; shift += 8)
+            bytes.push_back(static_cast<unsigned char>(value >> shift));
+    return bytes;
+}
+
+inline Bytes Text(const wchar_t* text)
+{
+    const size_t length = text ? wcslen(text) + 1 : 0;
+    const unsigned char* units = reinterpret_cast<const unsigned char*>(text);
+    return Dwords({static_cast<DWORD>(length * 2)}) + Bytes(units, units + length * 2);
+}
 }  // namespace instance_testing
 
 using namespace instance_testing;

@@ -14,15 +14,14 @@ def string(text):
     return struct.pack('<I', len(units)) + units
 
 
-def check(path, expected, storages=None):
-    """Compares each stream path of expected with the file's bytes, and the
-    file's storages with storages when given; prints and counts failures."""
+def check(path, expected, storages):
+    """Compares each stream path of expected with the file's bytes and the
+    file's storages with storages; prints and counts failures."""
     failures = []
     with olefile.OleFileIO(path) as ole:
-        if storages is not None:
-            found = sorted('/'.join(entry) for entry in ole.listdir(streams=False, storages=True))
-            if found != sorted(storages):
-                failures.append('storages %r, expected %r' % (found, storages))
+        found = sorted('/'.join(entry) for entry in ole.listdir(streams=False, storages=True))
+        if found != sorted(storages):
+            failures.append('storages %r, expected %r' % (found, storages))
         for name, data in expected.items():
             actual = ole.openstream(name).read() if ole.exists(name) else None
             if actual != data:
