@@ -1,6 +1,5 @@
-"""The store's stream encodings for the byte checks, and the check itself:
-streams of a store file read with olefile instead of the platform's
-structured storage and compared byte for byte."""
+"""The store's stream encodings, and a byte check of a store file's streams
+read with olefile instead of the platform's structured storage."""
 import struct
 
 import olefile
@@ -15,7 +14,7 @@ def vt(value):
 
 
 def string(text):
-    """A string in the store's encoding; None is the null string."""
+    """u32 byte count, UTF-16LE units and a 0 unit; None is the null string."""
     if text is None:
         return u32(0)
     units = text.encode('utf-16-le') + b'\0\0'
@@ -23,9 +22,7 @@ def string(text):
 
 
 def check(path, expected, sizes):
-    """Compares the streams of path with expected (name -> bytes) and their
-    sizes with sizes (name -> count); prints the differences and gives the
-    exit code."""
+    """Compares streams (name -> bytes) and their sizes (name -> count); gives the exit code."""
     failures = []
     with olefile.OleFileIO(path) as ole:
         for name, content in expected.items():
@@ -36,7 +33,5 @@ def check(path, expected, sizes):
             actual = ole.get_size(name) if ole.exists(name) else None
             if actual != size:
                 failures.append('%s: %r bytes, expected %d' % (name, actual, size))
-    for failure in failures:
-        print(failure)
-    print('%d failures' % len(failures))
+    print('\n'.join(failures + ['%d failures' % len(failures)]))
     return 1 if failures else 0
