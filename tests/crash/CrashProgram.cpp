@@ -5,29 +5,10 @@
 #include <windows.h>
 #include <ole2.h>
 #include <cstdio>
-#include <cstring>
 
-struct SelfLink
-{
-    int value;
-    SelfLink* self;
-};
-
-struct Pair
-{
-    short low;
-    struct
-    {
-        double ratio;
-        char tag;
-    } inner;
-};
-
-enum Colour
-{
-    Red = 1,
-    Green = 2,
-};
+struct SelfLink { int value; SelfLink* self; };
+struct Pair { short low; struct { double ratio; char tag; } inner; };
+enum Colour { Red = 1, Green = 2 };
 
 // Same shape as the framework's window class: the handle sits after eight
 // pointer-size fields (vtable included).

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 #include "TestSupport.h"
+#include "TestObject.h"
 
 typedef std::vector<unsigned char> Bytes;
 typedef std::vector<_variant_t> Values;
@@ -84,7 +85,7 @@ inline Values ReadValueArray(SAFEARRAY* array, LONG* lowerBound = nullptr)
 
 // A parameter description as a frame implements it; the getter named by
 // failingProperty fails with E_ACCESSDENIED.
-class TestParameter : public IFdtParameter
+class TestParameter : public TestObject<IFdtParameter>
 {
 public:
     static ComPtr<TestParameter> Make(const wchar_t* name, const _variant_t& value,
@@ -104,28 +105,6 @@ public:
     VARIANT_BOOL mandatory = 0, isPrivate = 0, isProtected = 0, locked = 0;
     std::string failingProperty;
 
-    STDMETHODIMP QueryInterface(REFIID iid, void** object) override
-    {
-        const bool known = IsEqualIID(iid, IID_IUnknown) || IsEqualIID(iid, IID_IDispatch) ||
-                           IsEqualIID(iid, IID_IFdtParameter);
-        *object = known ? static_cast<IFdtParameter*>(this) : nullptr;
-        return known ? (AddRef(), S_OK) : E_NOINTERFACE;
-    }
-    STDMETHODIMP_(ULONG) AddRef() override { return ++m_refs; }
-    STDMETHODIMP_(ULONG) Release() override
-    {
-        const ULONG refs = --m_refs;
-        if (!refs)
-            delete this;
-        return refs;
-    }
-    STDMETHODIMP GetTypeInfoCount(UINT*) override { return E_NOTIMPL; }
-    STDMETHODIMP GetTypeInfo(UINT, LCID, ITypeInfo**) override { return E_NOTIMPL; }
-    STDMETHODIMP GetIDsOfNames(REFIID, LPOLESTR*, UINT, LCID, DISPID*) override { return E_NOTIMPL; }
-    STDMETHODIMP Invoke(DISPID, REFIID, LCID, WORD, DISPPARAMS*, VARIANT*, EXCEPINFO*, UINT*) override
-    {
-        return E_NOTIMPL;
-    }
 #define TEST_PARAMETER_PROPERTY(Property, Type, field)                                                                 \
     STDMETHODIMP get_m_##Property(Type* out) override { return Give(#Property, out, field); }                         \
     STDMETHODIMP put_m_##Property(Type in) override { return field = in, S_OK; }
@@ -152,10 +131,6 @@ private:
     static HRESULT Copy(VARIANT* out, const _variant_t& field) { return CopyOut(out, field); }
     template <class T>
     static HRESULT Copy(T* out, T field) { return *out = field, S_OK; }
-    ULONG m_refs = 0;
-
-protected:
-    virtual ~TestParameter() = default;
 };
 
 // One store file per test, named after the test, with the instance "1" that
