@@ -4,21 +4,21 @@
 // InstanceData.dll exports nothing but its four entry points.
 #include <gtest/gtest.h>
 #include "TestSupport.h"
+#include "InstanceData/InstanceDataModule.h"
 
 namespace objects_test
 {
-// Blocks of the OLE task allocator (BSTRs, SAFEARRAYs) allocated since the
-// program started and not yet freed. BSTR caching is off, so a freed string
-// is really freed.
-long OutstandingTaskBlocks();
-
 // Data objects alive in this program: each holds one lock of the module.
-LONG LiveDataObjects();
+inline LONG LiveDataObjects()
+{
+    return _Module.GetLockCount();
+}
 
 // The next nothrow allocation of this program fails.
 void FailNextAllocation();
 
-// Fails a test that leaves a data object alive or an OLE block allocated.
+// Fails a test that leaves a data object alive or an OLE task allocator
+// block (BSTR, SAFEARRAY) allocated.
 class LeakCheckedTest : public testing::Test
 {
 protected:
@@ -29,12 +29,6 @@ private:
     LONG m_objects = 0;
     long m_blocks = 0;
 };
-
-// The error trace line of a source, as far as it is fixed: "<file>(".
-inline std::string TraceLineOf(const char* file)
-{
-    return std::string(file) + "(";
-}
 }  // namespace objects_test
 
 using namespace objects_test;
