@@ -282,6 +282,13 @@ void FbInstanceData::ForgetInstanceStorage(BSTR instanceId)
         m_streamNameMap.Clear();
 }
 
+HRESULT FbInstanceData::OpenInstanceStream(BSTR instanceId, const wchar_t* name, IStorage** storage, IStream** stream)
+{
+    RETURN_IF_FAILED_QUIET(OpenInstanceStorage(instanceId, storage));
+    RETURN_IF_FAILED(CStreamTool::Open(*storage, name, stream, IDS_STREAM_MODE));
+    return S_OK;
+}
+
 // -------------------------------------------------------- stream name map
 
 HRESULT FbInstanceData::ReadStreamNameMap(BSTR instanceId)
@@ -292,12 +299,11 @@ HRESULT FbInstanceData::ReadStreamNameMap(BSTR instanceId)
 
     ComPtr<IStorage> storage;
     ComPtr<IStream> stream;
-    RETURN_IF_FAILED_QUIET(OpenInstanceStorage(instanceId, storage.GetAddressOf()));
-    RETURN_IF_FAILED(CStreamTool::Open(storage.Get(), L"map", stream.GetAddressOf(), IDS_STREAM_MODE));
+    RETURN_IF_FAILED_QUIET(OpenInstanceStream(instanceId, L"map", storage.GetAddressOf(), stream.GetAddressOf()));
     StreamReader in(stream.Get());
     DWORD version = 0;
     RETURN_IF_FAILED(in.Read(version));
-    if (version != 1)
+    if (version != IDS_STREAM_VERSION)
     {
         g_StdPkTraceInstance.Trace(CPkTrace::LevelError, "FbInstanceData::ReadStreamNameMap invalid version\n");
         return E_FAIL;
@@ -322,11 +328,10 @@ HRESULT FbInstanceData::WriteStreamNameMap(BSTR instanceId)
 {
     ComPtr<IStorage> storage;
     ComPtr<IStream> stream;
-    RETURN_IF_FAILED_QUIET(OpenInstanceStorage(instanceId, storage.GetAddressOf()));
-    RETURN_IF_FAILED(CStreamTool::Open(storage.Get(), L"map", stream.GetAddressOf(), IDS_STREAM_MODE));
+    RETURN_IF_FAILED_QUIET(OpenInstanceStream(instanceId, L"map", storage.GetAddressOf(), stream.GetAddressOf()));
     RETURN_IF_FAILED(CStreamTool::SetStreamSize(stream.Get(), 0));
     StreamWriter out(stream.Get());
-    RETURN_IF_FAILED(out.Write(DWORD(1)));
+    RETURN_IF_FAILED(out.Write(DWORD(IDS_STREAM_VERSION)));
     RETURN_IF_FAILED(out.Write(m_streamNameMap.nextStreamNumber));
     RETURN_IF_FAILED(out.Write(static_cast<DWORD>(m_streamNameMap.entries.size())));
     for (const auto& entry : m_streamNameMap.entries)

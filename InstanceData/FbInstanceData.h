@@ -113,6 +113,12 @@ enum : HRESULT
     IDS_E_NAME_UNKNOWN = static_cast<HRESULT>(0x80043008),      // name not in the stream name map
 };
 
+// The only version that the store writes and accepts at the head of its streams.
+enum : DWORD
+{
+    IDS_STREAM_VERSION = 1,
+};
+
 // Stream and storage modes of the store.
 enum : DWORD
 {
@@ -225,6 +231,9 @@ private:
     // Drops the cached instance storage and stream name map when they belong
     // to instanceId, so that nothing destroyed or replaced is used again.
     void ForgetInstanceStorage(BSTR instanceId);
+    // The named stream of an instance, created when absent, with the instance
+    // storage that holds it (the caller commits that after a write).
+    HRESULT OpenInstanceStream(BSTR instanceId, const wchar_t* name, IStorage** storage, IStream** stream);
     bool StorageReady() const { return m_bStorageOpen && m_pRootStorage; }
     // The storage guard and argument check of the descriptor streams, then
     // the instance storage and the stream name; a rewrite empties the stream

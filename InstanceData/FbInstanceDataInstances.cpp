@@ -18,7 +18,6 @@ static const char THIS_FILE[] = "InstanceData/FbInstanceData";
 namespace
 {
 // Every stream of an instance begins with this version.
-constexpr DWORD kStreamVersion = 1;
 
 // The head of the "instance" stream: version and lock count.
 struct InstanceHead
@@ -34,7 +33,7 @@ HRESULT ReadDescriptorVersion(StreamReader& in, const char* message, int line)
 {
     DWORD version = 0;
     RETURN_IF_FAILED(in.Read(version));
-    if (version == kStreamVersion)
+    if (version == DWORD(IDS_STREAM_VERSION))
         return S_OK;
     CError::ImplHandleInternal(message, THIS_FILE, line, 10);
     return E_FAIL;
@@ -83,12 +82,11 @@ HRESULT FbInstanceData::ReadInstanceStream(BSTR instanceId, bool headerOnly)
 {
     ComPtr<IStorage> storage;
     ComPtr<IStream> stream;
-    RETURN_IF_FAILED_QUIET(OpenInstanceStorage(instanceId, storage.GetAddressOf()));
-    RETURN_IF_FAILED(CStreamTool::Open(storage.Get(), L"instance", stream.GetAddressOf(), IDS_STREAM_MODE));
+    RETURN_IF_FAILED_QUIET(OpenInstanceStream(instanceId, L"instance", storage.GetAddressOf(), stream.GetAddressOf()));
     StreamReader in(stream.Get());
     DWORD version = 0;
     RETURN_IF_FAILED(in.Read(version));
-    if (version != kStreamVersion)
+    if (version != DWORD(IDS_STREAM_VERSION))
     {
         g_StdPkTraceInstance.Trace(CPkTrace::LevelError, "FbInstanceData::ReadInstanceStream invalid version\n");
         return E_FAIL;
@@ -120,18 +118,17 @@ HRESULT FbInstanceData::WriteInstanceStream(BSTR instanceId, bool headerOnly)
 {
     ComPtr<IStorage> storage;
     ComPtr<IStream> stream;
-    RETURN_IF_FAILED_QUIET(OpenInstanceStorage(instanceId, storage.GetAddressOf()));
-    RETURN_IF_FAILED(CStreamTool::Open(storage.Get(), L"instance", stream.GetAddressOf(), IDS_STREAM_MODE));
+    RETURN_IF_FAILED_QUIET(OpenInstanceStream(instanceId, L"instance", storage.GetAddressOf(), stream.GetAddressOf()));
     StreamWriter out(stream.Get());
     if (headerOnly)
     {
         // Over the first 8 bytes only: size and references stay as they are.
-        const InstanceHead head = {kStreamVersion, m_instance.lockCount};
+        const InstanceHead head = {DWORD(IDS_STREAM_VERSION), m_instance.lockCount};
         RETURN_IF_FAILED(out.Write(head));
         return storage->Commit(STGC_DEFAULT);
     }
     RETURN_IF_FAILED(CStreamTool::SetStreamSize(stream.Get(), 0));
-    RETURN_IF_FAILED(out.Write(kStreamVersion));
+    RETURN_IF_FAILED(out.Write(DWORD(IDS_STREAM_VERSION)));
     RETURN_IF_FAILED(out.Write(m_instance.lockCount));
     RETURN_IF_FAILED(out.Write(m_instance.bstrSuperInstanceId));
     RETURN_IF_FAILED(out.Write(m_instance.bstrSuperParameterName));
@@ -151,12 +148,11 @@ HRESULT FbInstanceData::OpenDescriptorStream(IDispatch* descriptor, BSTR instanc
 {
     RETURN_IF_NULL(StorageReady(), E_FAIL);
     RETURN_IF_NULL(descriptor && instanceId, E_POINTER);
-    RETURN_IF_FAILED_QUIET(OpenInstanceStorage(instanceId, storage));
-    RETURN_IF_FAILED(CStreamTool::Open(*storage, name, stream, IDS_STREAM_MODE));
+    RETURN_IF_FAILED_QUIET(OpenInstanceStream(instanceId, name, storage, stream));
     if (!rewrite)
         return S_OK;
     RETURN_IF_FAILED(CStreamTool::SetStreamSize(*stream, 0));
-    RETURN_IF_FAILED(StreamWriter(*stream).Write(kStreamVersion));
+    RETURN_IF_FAILED(StreamWriter(*stream).Write(DWORD(IDS_STREAM_VERSION)));
     return S_OK;
 }
 

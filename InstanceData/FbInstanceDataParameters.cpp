@@ -154,8 +154,7 @@ HRESULT FbInstanceData::OpenElementStream(BSTR instanceId, const _bstr_t& name, 
         RETURN_IF_FAILED(AllocateStreamName(instanceId, group));
     else
         RETURN_IF_FAILED(GetStreamName(instanceId, group, lookup == ElementLookup::FindOrAllocate));
-    RETURN_IF_FAILED_QUIET(OpenInstanceStorage(instanceId, storage));
-    RETURN_IF_FAILED(CStreamTool::Open(*storage, m_szStreamName, stream, IDS_STREAM_MODE));
+    RETURN_IF_FAILED_QUIET(OpenInstanceStream(instanceId, m_szStreamName, storage, stream));
     return S_OK;
 }
 
@@ -164,7 +163,7 @@ HRESULT FbInstanceData::ReadElementHeader(StreamReader& in, DWORD kind, _bstr_t&
     const bool group = kind == ElementKindGroup;
     DWORD version = 0;
     RETURN_IF_FAILED(in.Read(version));
-    if (version != 1)
+    if (version != IDS_STREAM_VERSION)
     {
         g_StdPkTraceInstance.Trace(CPkTrace::LevelInfo, group ? "FbInstanceData::ReadGroup invalid version\n"
                                                               : "FbInstanceData::ReadPara invalid version\n");
@@ -189,7 +188,7 @@ HRESULT FbInstanceData::ReadElementHeader(StreamReader& in, DWORD kind, _bstr_t&
 
 HRESULT FbInstanceData::WriteElementHeader(StreamWriter& out, DWORD kind)
 {
-    RETURN_IF_FAILED(out.Write(DWORD(1)));
+    RETURN_IF_FAILED(out.Write(DWORD(IDS_STREAM_VERSION)));
     RETURN_IF_FAILED(out.Write(kind));
     RETURN_IF_FAILED(out.Write(m_bstrElementName));
     return S_OK;
