@@ -360,11 +360,15 @@ HRESULT FbInstanceData::ReadStreamNameMap(BSTR instanceId)
 
 HRESULT FbInstanceData::WriteStreamNameMap(BSTR instanceId)
 {
-    RecordStream record;
-    RETURN_IF_FAILED_QUIET(ReadRecord(instanceId, L"map", true, record));
+    // Only a new name changes the map, so it only grows: written over what
+    // is there without reading it first. Its commit is that of the new element.
+    ComPtr<IStorage> storage;
+    ComPtr<IStream> stream;
+    RETURN_IF_FAILED_QUIET(OpenInstanceStorage(instanceId, storage.GetAddressOf()));
+    RETURN_IF_FAILED(storage->OpenStream(L"map", nullptr, IDS_STREAM_MODE, 0, stream.GetAddressOf()));
     ByteWriter out;
     WriteStreamNameMapRecord(out, m_streamNameMap);
-    RETURN_IF_FAILED_QUIET(record.Save(out.Buffer()));
+    RETURN_IF_FAILED(WriteWholeStream(stream.Get(), out.Buffer(), 0, 0));
     return S_OK;
 }
 
@@ -423,19 +427,5 @@ HRESULT FbInstanceData::AllocateStreamName(BSTR instanceId, bool group)
     m_highestStreamNumber = number > m_highestStreamNumber ? number : m_highestStreamNumber;
     m_streamNameMap.nextStreamNumber = number + 1;
     m_bElementNew = true;
-    // The map is committed with the new element's stream: written here, its
-    // commit is the element's.
-    RecordStream map;
-    HRESULT hr = ReadRecord(instanceId, L"map", true, map);
-    ByteWriter out;
-    WriteStreamNameMapRecord(out, m_streamNameMap);
-    if (SUCCEEDED(hr))
-        hr = map.Save(out.Buffer(), false);
-    if (FAILED(hr))
-    {
-        // The map in memory goes back to what the file holds.
-        m_streamNameMap.Clear();
-        return TraceErrorLine(THIS_FILE, __LINE__, hr);
-    }
-    return S_OK;
+    return WriteStreamNameMap(instanceId);
 }

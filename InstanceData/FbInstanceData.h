@@ -208,8 +208,14 @@ HRESULT FbInstanceData::Operation(const char* file, int line, Body&& body)
     const HRESULT hr = ExceptionGuard(file, line, body);
     m_element = RecordStream();
     m_adminStream = RecordStream();
-    if (FAILED(hr) && m_pInstanceStorage)
-        m_pInstanceStorage->Revert();
+    if (FAILED(hr))
+    {
+        // What the failed operation changed in the instance storage goes, and
+        // the map in memory is read again from what the file holds.
+        if (m_pInstanceStorage)
+            m_pInstanceStorage->Revert();
+        m_streamNameMap.Clear();
+    }
     return hr;
 }
 
