@@ -315,14 +315,14 @@ void FbInstanceData::ForgetInstanceStorage(BSTR instanceId)
 {
     WCHAR name[32];
     CopyName(name, instanceId);
-    if (m_szInstanceStorageName[0] && SameElementName(name, m_szInstanceStorageName))
+    if (m_szInstanceStorageName[0] && (!instanceId || SameElementName(name, m_szInstanceStorageName)))
     {
         m_szInstanceStorageName[0] = L'\0';
         if (m_pInstanceStorage)
             m_pInstanceStorage->Release();
         m_pInstanceStorage = nullptr;
     }
-    if (m_streamNameMap.szInstanceId[0] && SameElementName(name, m_streamNameMap.szInstanceId))
+    if (m_streamNameMap.szInstanceId[0] && (!instanceId || SameElementName(name, m_streamNameMap.szInstanceId)))
         m_streamNameMap.Clear();
 }
 

@@ -150,7 +150,8 @@ private:
     template <class Body>
     HRESULT Operation(const char* file, int line, Body&& body);
     // Drops the cached instance storage and stream name map when they belong
-    // to instanceId, so that nothing destroyed or replaced is used again.
+    // to instanceId (any instance for null), so that nothing destroyed or
+    // replaced is used again.
     void ForgetInstanceStorage(BSTR instanceId);
     // Releases the root storage and everything cached from it; the path of
     // the last file stays.
@@ -205,7 +206,16 @@ private:
 template <class Body>
 HRESULT FbInstanceData::Operation(const char* file, int line, Body&& body)
 {
-    const HRESULT hr = ExceptionGuard(file, line, body);
+    HRESULT hr = ExceptionGuard(file, line, body);
+    if (hr == STG_E_REVERTED)
+    {
+        // The frame reverted the root under the cached instance storage: the
+        // first call on it failed before anything changed, so the operation
+        // runs once more on the storage opened anew.
+        m_element = RecordStream();
+        ForgetInstanceStorage(nullptr);
+        hr = ExceptionGuard(file, line, body);
+    }
     m_element = RecordStream();
     m_adminStream = RecordStream();
     if (FAILED(hr))

@@ -263,12 +263,9 @@ STDMETHODIMP FbInstanceData::Create(IFdtContext*, IFdtDtmDescriptor* DtmDescript
             return TraceErrorLine(THIS_FILE, __LINE__, hr);
         }
         // The new storage becomes the cached one, with its empty map.
-        ForgetInstanceStorage(id);
-        if (m_pInstanceStorage)
-            m_pInstanceStorage->Release();
+        ForgetInstanceStorage(nullptr);
         m_pInstanceStorage = storage.Detach();
         CopyName(m_szInstanceStorageName, digits);
-        m_streamNameMap.Clear();
         CopyName(m_streamNameMap.szInstanceId, digits);
         m_highestStreamNumber = 0;
         m_instance.Reset();
@@ -356,20 +353,19 @@ STDMETHODIMP FbInstanceData::Duplicate(IFdtContext* Context, BSTR InstanceID, BS
         RETURN_IF_FAILED_QUIET(self->ReadIdentification(Context, InstanceID, identification.GetAddressOf()));
         RETURN_IF_FAILED_QUIET(identification->get_m_dtm(dtm.GetAddressOf()));
         RETURN_IF_FAILED_QUIET(identification->get_m_communication(communication.GetAddressOf()));
+        // The source must be there before anything is made: its identification
+        // alone reads for any identifier.
+        ComPtr<IStorage> source;
+        RETURN_IF_FAILED(OpenInstanceStorage(InstanceID, source.GetAddressOf()));
         RETURN_IF_FAILED(ReadAdmin());
         const AdminRecord before = m_admin;
         RETURN_IF_FAILED_QUIET(self->Create(Context, dtm.Get(), communication.Get(), InstanceIDOut));
 
         // The new storage is opened by name beside the cache, which must not
-        // hold it (a second open is refused). Opening the source has just
-        // replaced the cache; the new instance is dropped from it all the same,
-        // map included, so that nothing cached before the copy outlives it.
-        ComPtr<IStorage> source;
+        // hold it (a second open is refused): Create left it there.
         ComPtr<IStorage> copy;
-        HRESULT hr = OpenInstanceStorage(InstanceID, source.GetAddressOf());
         ForgetInstanceStorage(*InstanceIDOut);
-        if (SUCCEEDED(hr))
-            hr = m_pRootStorage->OpenStorage(*InstanceIDOut, nullptr, IDS_STORAGE_MODE, nullptr, 0, copy.GetAddressOf());
+        HRESULT hr = m_pRootStorage->OpenStorage(*InstanceIDOut, nullptr, IDS_STORAGE_MODE, nullptr, 0, copy.GetAddressOf());
         if (SUCCEEDED(hr))
             hr = source->CopyTo(0, nullptr, nullptr, copy.Get());
         if (SUCCEEDED(hr))
