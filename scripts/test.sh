@@ -4,4 +4,4 @@ set -euo pipefail
 root="$(cd "$(dirname "$0")/.." && pwd)"
 "$root/scripts/build.sh"
 cd "$root/build/x86_64"
-ctest --output-on-failure --timeout 600 "$@"
+ctest --output-on-failure -j2 "$@"

@@ -1,9 +1,6 @@
 #include "TestSupport.h"
-#include <gtest/gtest.h>
-#include "PK_Trace.h"
+#include "TestObject.h"
 
-namespace testing_support
-{
 HMODULE ServerModule::Handle()
 {
     static HMODULE module = LoadLibraryW((ProgramDirectory() + L"InstanceData.dll").c_str());
@@ -27,19 +24,18 @@ ComPtr<IFbInstanceData> CreateStore()
 {
     ComPtr<IClassFactory> factory;
     ComPtr<IFbInstanceData> store;
-    EXPECT_EQ(S_OK, ServerModule::GetClassObject(CLSID_FbInstanceData, IID_IClassFactory,
-                                                 reinterpret_cast<void**>(factory.GetAddressOf())));
+    EXPECT_EQ(S_OK, ServerModule::GetClassObject(CLSID_FbInstanceData, IID_PPV_ARGS(&factory)));
     if (factory)
-        EXPECT_EQ(S_OK, factory->CreateInstance(nullptr, IID_IFbInstanceData,
-                                                reinterpret_cast<void**>(store.GetAddressOf())));
+    {
+        EXPECT_EQ(S_OK, factory->CreateInstance(nullptr, IID_PPV_ARGS(&store)));
+    }
     return store;
 }
 
 std::wstring ProgramDirectory()
 {
     wchar_t path[MAX_PATH];
-    const DWORD length = GetModuleFileNameW(nullptr, path, MAX_PATH);
-    std::wstring directory(path, length);
+    const std::wstring directory(path, GetModuleFileNameW(nullptr, path, MAX_PATH));
     return directory.substr(0, directory.find_last_of(L"\\/") + 1);
 }
 
@@ -50,34 +46,11 @@ std::wstring TestFilesDirectory()
     return directory;
 }
 
-TempStoreFile::TempStoreFile(const wchar_t* name) : m_path(TestFilesDirectory() + name)
+std::wstring TestName()
 {
-    DeleteFileW(m_path.c_str());
-    m_bstr = m_path.c_str();
-}
-
-TempStoreFile::~TempStoreFile()
-{
-    if (!m_keep)
-        DeleteFileW(m_path.c_str());
-}
-
-OpenStore OpenStore::At(BSTR path)
-{
-    OpenStore open;
-    open.store = CreateStore();
-    if (!open.store)
-        return open;
-    EXPECT_EQ(S_OK, open.store.As(&open.manager));
-    if (open.manager)
-        EXPECT_EQ(S_OK, open.manager->OpenStorage(path, open.root.GetAddressOf()));
-    return open;
-}
-
-void OpenStore::Commit()
-{
-    ASSERT_TRUE(root);
-    ASSERT_EQ(S_OK, root->Commit(STGC_DEFAULT));
+    const testing::TestInfo* test = testing::UnitTest::GetInstance()->current_test_info();
+    const std::string text = std::string(test->test_suite_name()) + "-" + test->name();
+    return std::wstring(text.begin(), text.end());
 }
 
 TraceCapture::TraceCapture()
@@ -105,11 +78,6 @@ std::string TraceCapture::Text() const
     return text;
 }
 
-bool TraceCapture::Contains(const std::string& text) const
-{
-    return Count(text) > 0;
-}
-
 size_t TraceCapture::Count(const std::string& text) const
 {
     size_t count = 0;
@@ -118,74 +86,270 @@ size_t TraceCapture::Count(const std::string& text) const
     return count;
 }
 
-void TraceCapture::Clear()
+ByteBuilder& ByteBuilder::Raw(const void* data, size_t size)
 {
-    m_lines.clear();
-    m_levels.clear();
+    const unsigned char* begin = static_cast<const unsigned char*>(data);
+    bytes.insert(bytes.end(), begin, begin + size);
+    return *this;
 }
 
-SAFEARRAY* MakeBstrArray(const std::vector<std::wstring>& items, LONG lowerBound)
+ByteBuilder& ByteBuilder::Str(const wchar_t* text)
 {
-    SAFEARRAY* array = SafeArrayCreateVector(VT_BSTR, lowerBound, static_cast<ULONG>(items.size()));
-    for (size_t i = 0; array && i < items.size(); ++i)
-    {
-        LONG index = lowerBound + static_cast<LONG>(i);
-        BSTR item = SysAllocStringLen(items[i].data(), static_cast<UINT>(items[i].size()));
-        SafeArrayPutElement(array, &index, item);
-        SysFreeString(item);
-    }
-    return array;
+    const DWORD size = text ? static_cast<DWORD>(wcslen(text) + 1) * 2 : 0;
+    return U32(size).Raw(text, size);
 }
 
-std::vector<std::wstring> ReadBstrArray(SAFEARRAY* array)
+Bytes ReadStream(IStorage* storage, const wchar_t* path)
 {
-    std::vector<std::wstring> items;
-    if (!array)
-        return items;
-    LONG lower = 0, upper = -1;
-    SafeArrayGetLBound(array, 1, &lower);
-    SafeArrayGetUBound(array, 1, &upper);
-    for (LONG index = lower; index <= upper; ++index)
-    {
-        BSTR item = nullptr;
-        SafeArrayGetElement(array, &index, &item);
-        items.emplace_back(item ? item : L"", item ? SysStringLen(item) : 0);
-        SysFreeString(item);
-    }
-    return items;
-}
-
-bool ModuleCanUnload()
-{
-    return ServerModule::CanUnloadNow() == S_OK;
-}
-
-std::vector<unsigned char> ReadStreamBytes(const wchar_t* file, const wchar_t* path)
-{
-    std::vector<unsigned char> bytes;
-    ComPtr<IStorage> storage;
-    if (FAILED(StgOpenStorage(file, nullptr, STGM_READ | STGM_SHARE_EXCLUSIVE, nullptr, 0, storage.GetAddressOf())))
-        return bytes;
     // Every storage on the way stays open: Wine invalidates a child whose parent is released.
-    std::vector<ComPtr<IStorage>> parents;
+    std::vector<ComPtr<IStorage>> parents{storage};
     std::wstring rest = path;
     for (size_t slash; (slash = rest.find(L'/')) != std::wstring::npos; rest = rest.substr(slash + 1))
     {
         ComPtr<IStorage> child;
-        if (FAILED(storage->OpenStorage(rest.substr(0, slash).c_str(), nullptr, STGM_READ | STGM_SHARE_EXCLUSIVE,
-                                        nullptr, 0, child.GetAddressOf())))
-            return bytes;
-        parents.push_back(storage);
-        storage = child;
+        if (FAILED(parents.back()->OpenStorage(rest.substr(0, slash).c_str(), nullptr, STGM_READ | STGM_SHARE_EXCLUSIVE,
+                                               nullptr, 0, child.GetAddressOf())))
+            return Bytes();
+        parents.push_back(child);
     }
     ComPtr<IStream> stream;
-    if (FAILED(storage->OpenStream(rest.c_str(), nullptr, STGM_READ | STGM_SHARE_EXCLUSIVE, 0,
-                                   stream.GetAddressOf())))
-        return bytes;
+    Bytes bytes;
     unsigned char buffer[4096];
     ULONG read = 0;
-    while (SUCCEEDED(stream->Read(buffer, sizeof buffer, &read)) && read)
-        bytes.insert(bytes.end(), buffer, buffer + read);
+    if (SUCCEEDED(parents.back()->OpenStream(rest.c_str(), nullptr, STGM_READ | STGM_SHARE_EXCLUSIVE, 0,
+                                             stream.GetAddressOf())))
+        while (SUCCEEDED(stream->Read(buffer, sizeof buffer, &read)) && read)
+            bytes.insert(bytes.end(), buffer, buffer + read);
     return bytes;
 }
-}  // namespace testing_support
+
+SAFEARRAY* MakeBstrArray(const Names& items, LONG lowerBound)
+{
+    SAFEARRAY* array = SafeArrayCreateVector(VT_BSTR, lowerBound, static_cast<ULONG>(items.size()));
+    for (LONG i = 0; i < static_cast<LONG>(items.size()); ++i)
+    {
+        LONG index = lowerBound + i;
+        _bstr_t item(items[i].c_str());
+        SafeArrayPutElement(array, &index, static_cast<BSTR>(item));
+    }
+    return array;
+}
+
+Names ReadBstrArray(SAFEARRAY* array)
+{
+    Names items;
+    for (const _variant_t& item : ReadValueArray(array))
+        items.push_back(Str(_bstr_t(item)));
+    return items;
+}
+
+SAFEARRAY* MakeValueArray(const Values& values)
+{
+    SAFEARRAY* array = SafeArrayCreateVector(VT_VARIANT, 0, static_cast<ULONG>(values.size()));
+    for (LONG i = 0; i < static_cast<LONG>(values.size()); ++i)
+        SafeArrayPutElement(array, &i, const_cast<_variant_t*>(&values[i]));
+    return array;
+}
+
+Values ReadValueArray(SAFEARRAY* array, LONG* lowerBound)
+{
+    Values values;
+    LONG lower = -1, upper = -2;
+    VARTYPE type = VT_EMPTY;
+    if (array)
+    {
+        SafeArrayGetLBound(array, 1, &lower);
+        SafeArrayGetUBound(array, 1, &upper);
+        SafeArrayGetVartype(array, &type);
+    }
+    if (lowerBound)
+        *lowerBound = lower;
+    for (LONG i = lower; i <= upper; ++i)
+    {
+        VARIANT value;
+        VariantInit(&value);
+        V_VT(&value) = type;
+        if (type == VT_VARIANT)
+            SafeArrayGetElement(array, &i, &value);
+        else
+            SafeArrayGetElement(array, &i, &V_BSTR(&value));   // a BSTR or interface element
+        values.emplace_back(value, false);
+    }
+    return values;
+}
+
+_variant_t BstrValue(const wchar_t* text)
+{
+    VARIANT value;
+    V_VT(&value) = VT_BSTR;
+    V_BSTR(&value) = text ? SysAllocString(text) : nullptr;
+    return _variant_t(value, false);
+}
+
+std::wstring Str(const _bstr_t& value)
+{
+    return value.length() ? static_cast<const wchar_t*>(value) : L"";
+}
+
+std::wstring ReferencesOf(IFbInstanceData* store, const _bstr_t& id)
+{
+    std::wstring text;
+    SAFEARRAY* list = nullptr;
+    EXPECT_EQ(S_OK, store->GetSubInstanceData(nullptr, id, &list));
+    LONG lower = -1;
+    for (const _variant_t& element : ReadValueArray(list, &lower))
+    {
+        ComPtr<IFdtInstanceDataRef> reference;
+        _bstr_t instance, parameter;
+        if (V_VT(&element) == VT_UNKNOWN && SUCCEEDED(V_UNKNOWN(&element)->QueryInterface(IID_PPV_ARGS(&reference))))
+            reference->get_m_instanceID(instance.GetAddress()), reference->get_m_parameterName(parameter.GetAddress());
+        text += Str(instance) + L":" + Str(parameter) + L" ";
+    }
+    EXPECT_TRUE(!list || (SafeArrayGetDim(list) == 1 && lower == 0));
+    SafeArrayDestroy(list);
+    ComPtr<IFdtInstanceDataRef> super;
+    _bstr_t instance, parameter;
+    EXPECT_EQ(S_OK, store->GetSuperInstanceData(nullptr, id, super.GetAddressOf()));
+    if (super)
+        super->get_m_instanceID(instance.GetAddress()), super->get_m_parameterName(parameter.GetAddress());
+    return text + L"^" + Str(instance) + L":" + Str(parameter);
+}
+
+void StoreSession::SetUp()
+{
+    const std::wstring path = TestFilesDirectory() + TestName() + L".stg";
+    DeleteFileW(path.c_str());
+    m_path = path.c_str();
+    m_store = CreateStore();
+    ASSERT_TRUE(m_store);
+    ASSERT_EQ(S_OK, m_store.As(&m_manager));
+    Open();
+}
+
+void StoreSession::TearDown()
+{
+    if (m_manager)
+        Close();
+    if (!m_keep)
+        DeleteFileW(m_path);
+    EXPECT_EQ(S_OK, ServerModule::CanUnloadNow()) << "a reference, data object or lock of the module is left";
+}
+
+void StoreSession::Close()
+{
+    GiveUp();
+    m_store.Reset();
+    m_manager.Reset();
+}
+
+void StoreSession::Open()
+{
+    ASSERT_EQ(S_OK, m_manager->OpenStorage(m_path, m_root.ReleaseAndGetAddressOf()));
+}
+
+void StoreSession::Reopen()
+{
+    Commit();
+    GiveUp();
+    Open();
+}
+
+void StoreSession::GiveUp()
+{
+    m_root.Reset();
+    ComPtr<IStorage> none;
+    const _bstr_t impossible((TestFilesDirectory() + L"no such folder\\x.stg").c_str());
+    EXPECT_TRUE(FAILED(m_manager->OpenStorage(impossible, none.GetAddressOf())));
+}
+
+void StoreSession::Park()
+{
+    SAFEARRAY* names = nullptr;
+    EXPECT_EQ(STG_E_FILENOTFOUND, m_store->GetAllParameters(nullptr, _bstr_t(L"0"), &names));
+}
+
+Bytes StoreSession::Stream(const wchar_t* path)
+{
+    Park();
+    return ReadStream(m_root.Get(), path);
+}
+
+void StoreSession::Replace(const wchar_t* path, const Bytes& bytes)
+{
+    Park();
+    const std::wstring text = path;
+    const size_t slash = text.find(L'/');
+    ComPtr<IStorage> storage = m_root;
+    if (slash != std::wstring::npos)
+    {
+        ASSERT_EQ(S_OK, m_root->OpenStorage(text.substr(0, slash).c_str(), nullptr, kMode, nullptr, 0,
+                                            storage.ReleaseAndGetAddressOf()));
+    }
+    ComPtr<IStream> stream;
+    ASSERT_EQ(S_OK, storage->CreateStream(text.substr(slash + 1).c_str(), kMode | STGM_CREATE, 0, 0,
+                                          stream.GetAddressOf()));
+    const void* data = bytes.empty() ? "" : static_cast<const void*>(bytes.data());   // never null
+    ASSERT_EQ(S_OK, stream->Write(data, static_cast<ULONG>(bytes.size()), nullptr));
+    ASSERT_EQ(S_OK, storage->Commit(STGC_DEFAULT));
+}
+
+std::wstring StoreSession::NewInstance(IFdtDtmDescriptor* dtm, IFdtCommunicationDescriptor* comm)
+{
+    ComPtr<IFdtDtmDescriptor> defaultDtm = new TestDtmDescriptor;
+    ComPtr<IFdtCommunicationDescriptor> defaultComm = new TestCommDescriptor;
+    _bstr_t id;
+    EXPECT_EQ(S_OK, m_store->Create(nullptr, dtm ? dtm : defaultDtm.Get(), comm ? comm : defaultComm.Get(),
+                                    id.GetAddress()));
+    return Str(id);
+}
+
+Names StoreSession::InstanceList()
+{
+    SAFEARRAY* list = nullptr;
+    EXPECT_EQ(S_OK, m_store->GetInstanceDataList(nullptr, &list));
+    const Names ids = ReadBstrArray(list);
+    SafeArrayDestroy(list);
+    return ids;
+}
+
+HRESULT StoreSession::Define(IFdtParameter* parameter, const wchar_t* id)
+{
+    return m_store->WriteParameterInfo(nullptr, _bstr_t(id), parameter);
+}
+
+HRESULT StoreSession::Define(const wchar_t* name, const _variant_t& value, const _variant_t& defaultValue)
+{
+    ComPtr<TestParameter> parameter = new TestParameter(name, value, defaultValue);
+    return Define(parameter.Get());
+}
+
+_variant_t StoreSession::Read(const wchar_t* name, HRESULT expected)
+{
+    _variant_t value;
+    EXPECT_EQ(expected, m_store->ReadParameter(nullptr, m_id, _bstr_t(name), &value))
+        << "reading " << static_cast<const char*>(_bstr_t(name));
+    return value;
+}
+
+HRESULT StoreSession::Write(const wchar_t* name, const _variant_t& value)
+{
+    return m_store->WriteParameter(nullptr, m_id, _bstr_t(name), value);
+}
+
+ComPtr<IFdtParameter> StoreSession::Info(const wchar_t* name)
+{
+    ComPtr<IFdtParameter> parameter;
+    EXPECT_EQ(S_OK, m_store->ReadParameterInfo(nullptr, m_id, _bstr_t(name), parameter.GetAddressOf()));
+    return parameter;
+}
+
+Names StoreSession::All(HRESULT (STDMETHODCALLTYPE IFbInstanceData::*list)(IFdtContext*, BSTR, SAFEARRAY**))
+{
+    SAFEARRAY* names = nullptr;
+    LONG lower = -1;
+    EXPECT_EQ(S_OK, (m_store.Get()->*list)(nullptr, m_id, &names));
+    const Names result = ReadBstrArray(names);
+    EXPECT_TRUE(result.empty() || (SUCCEEDED(SafeArrayGetLBound(names, 1, &lower)) && lower == 0));
+    SafeArrayDestroy(names);
+    return result;
+}

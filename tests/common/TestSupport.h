@@ -1,5 +1,8 @@
 #pragma once
-// Support for tests that drive InstanceData.dll as a frame would.
+// The one support library of the tests: InstanceData.dll through its
+// exports, a store file per test as a frame opens it, stream bytes, arrays
+// and the trace.
+#include <gtest/gtest.h>
 #include <windows.h>
 #include <ole2.h>
 #include <comutil.h>
@@ -8,11 +11,13 @@
 #include <vector>
 #include "FdtInterfaces.h"
 #include "InstanceDataLib.h"
+#include "PK_Trace.h"
 
 using Microsoft::WRL::ComPtr;
+typedef std::vector<unsigned char> Bytes;
+typedef std::vector<std::wstring> Names;
+typedef std::vector<_variant_t> Values;
 
-namespace testing_support
-{
 // InstanceData.dll loaded once per test program, reached through its exports.
 struct ServerModule
 {
@@ -23,42 +28,12 @@ struct ServerModule
 
 // The store object through DllGetClassObject and IClassFactory::CreateInstance.
 ComPtr<IFbInstanceData> CreateStore();
-
 // Directory of the test program (and of every built binary), with a trailing backslash.
 std::wstring ProgramDirectory();
-// build/<arch>/testfiles, where store files of the tests are written.
+// build/<arch>/testfiles, where the tests write their files (python checks read them too).
 std::wstring TestFilesDirectory();
-
-// A store file path under testfiles that does not exist yet; removed again
-// on destruction unless Keep() was called.
-class TempStoreFile
-{
-public:
-    explicit TempStoreFile(const wchar_t* name);
-    ~TempStoreFile();
-    const wchar_t* Path() const { return m_path.c_str(); }
-    BSTR Bstr() const { return m_bstr; }
-    void Keep() { m_keep = true; }
-
-private:
-    std::wstring m_path;
-    _bstr_t m_bstr;
-    bool m_keep = false;
-};
-
-// The store with the file open: store, its manager interface and the root
-// storage that the frame holds.
-struct OpenStore
-{
-    ComPtr<IFbInstanceData> store;
-    ComPtr<IInstanceDataMgr> manager;
-    ComPtr<IStorage> root;
-
-    // Opens (or creates) path; fails the current test on error.
-    static OpenStore At(BSTR path);
-    // Commits the root storage as a frame does before it closes the file.
-    void Commit();
-};
+// "<suite>-<test>" of the running test, for file names of its own.
+std::wstring TestName();
 
 // Collects the trace entries written while it lives.
 class TraceCapture
@@ -69,10 +44,8 @@ public:
     const std::vector<std::string>& Lines() const { return m_lines; }
     const std::vector<DWORD>& Levels() const { return m_levels; }
     std::string Text() const;
-    bool Contains(const std::string& text) const;
-    // Number of entries that contain text.
-    size_t Count(const std::string& text) const;
-    void Clear();
+    bool Contains(const std::string& text) const { return Count(text) > 0; }
+    size_t Count(const std::string& text) const;   // entries that contain text
 
 private:
     static void OnTrace(void* context, DWORD level, const char* text);
@@ -80,15 +53,95 @@ private:
     std::vector<DWORD> m_levels;
 };
 
-// Array helpers for tests.
-SAFEARRAY* MakeBstrArray(const std::vector<std::wstring>& items, LONG lowerBound = 0);
-std::vector<std::wstring> ReadBstrArray(SAFEARRAY* array);
-// DllCanUnloadNow answers S_OK: no client reference, data object or server lock is left.
-bool ModuleCanUnload();
+// Stream contents field by field, in the store's encodings.
+struct ByteBuilder
+{
+    Bytes bytes;
+    ByteBuilder& Raw(const void* data, size_t size);
+    ByteBuilder& U8(BYTE value) { return Raw(&value, 1); }
+    ByteBuilder& U16(WORD value) { return Raw(&value, 2); }
+    ByteBuilder& U32(DWORD value) { return Raw(&value, 4); }
+    // u32 byte count with the terminating zero, UTF-16LE units; count 0 alone for null.
+    ByteBuilder& Str(const wchar_t* text);
+    // Version, kind and name, as every parameter and group stream begins.
+    ByteBuilder& Header(const wchar_t* name, DWORD kind = 2, DWORD version = 1)
+    {
+        return U32(version).U32(kind).Str(name);
+    }
+    operator Bytes() const { return bytes; }
+};
 
-// Reads a whole stream of a storage path like L"1/instance" (sub-storages
-// separated by '/') from a file that is not open elsewhere.
-std::vector<unsigned char> ReadStreamBytes(const wchar_t* file, const wchar_t* path);
-}  // namespace testing_support
+// The whole stream at path ("admin", "1/map": sub-storages separated by '/')
+// below storage; empty when it cannot be opened.
+Bytes ReadStream(IStorage* storage, const wchar_t* path);
 
-using namespace testing_support;
+// Arrays as callers pass them, and what the store gives back.
+SAFEARRAY* MakeBstrArray(const Names& items, LONG lowerBound = 0);
+Names ReadBstrArray(SAFEARRAY* array);
+SAFEARRAY* MakeValueArray(const Values& values);
+Values ReadValueArray(SAFEARRAY* array, LONG* lowerBound = nullptr);
+// A VARIANT holding one BSTR (which may be null: the platform's copy would make it empty).
+_variant_t BstrValue(const wchar_t* text);
+// A string result as text; null gives "".
+std::wstring Str(const _bstr_t& value);
+
+// Sub-instance references of id as "id:parameter ..." (always a one-dimensional
+// array of objects from 0), then "^" and the super reference "id:parameter".
+std::wstring ReferencesOf(IFbInstanceData* store, const _bstr_t& id);
+
+// One store file per test, named after it, opened as a frame opens it. At
+// the end the store gives the file up and no reference of the test, data
+// object or lock keeps the module loaded.
+class StoreSession : public testing::Test
+{
+public:   // rows of the tables call these through a reference
+    void SetUp() override;
+    void TearDown() override;
+
+    IFbInstanceData* Store() const { return m_store.Get(); }
+    IInstanceDataMgr* Manager() const { return m_manager.Get(); }
+    IStorage* Root() const { return m_root.Get(); }
+    BSTR Path() const { return m_path; }
+    void Keep() { m_keep = true; }
+    void ReleaseRoot() { m_root.Reset(); }
+    void Commit() { ASSERT_EQ(S_OK, m_root->Commit(STGC_DEFAULT)); }
+    // Opens the file (a new one when missing).
+    void Open();
+    // Commits, gives the file up and opens it again: the frame's next session.
+    void Reopen();
+    // Gives the file up and drops the test's references of the store.
+    void Close();
+    // Makes the store give up its root by a failed open elsewhere.
+    void GiveUp();
+    // Makes the store let go of its cached instance storage and stream name
+    // map (asking about an identifier without instance, which traces): what
+    // the instance did not commit is dropped, and its streams can be reached
+    // through the root.
+    void Park();
+    // A stream below the root, read or replaced after Park.
+    Bytes Stream(const wchar_t* path);
+    void Replace(const wchar_t* path, const Bytes& bytes);
+
+    // Create from the given descriptors (new test objects when null); "" when it fails.
+    std::wstring NewInstance(IFdtDtmDescriptor* dtm = nullptr, IFdtCommunicationDescriptor* comm = nullptr);
+    Names InstanceList();
+
+    // Parameters of instance m_id: a description of the test's own, read back.
+    HRESULT Define(IFdtParameter* parameter, const wchar_t* id = L"1");
+    HRESULT Define(const wchar_t* name, const _variant_t& value, const _variant_t& defaultValue = _variant_t());
+    _variant_t Read(const wchar_t* name, HRESULT expected = S_OK);
+    HRESULT Write(const wchar_t* name, const _variant_t& value);
+    ComPtr<IFdtParameter> Info(const wchar_t* name);
+    // GetAllParameters or GetAllGroups; the names start at 0.
+    Names All(HRESULT (STDMETHODCALLTYPE IFbInstanceData::*list)(IFdtContext*, BSTR, SAFEARRAY**));
+
+    static constexpr DWORD kMode = STGM_READWRITE | STGM_SHARE_EXCLUSIVE;
+    _bstr_t m_id{L"1"};
+
+private:
+    _bstr_t m_path;
+    bool m_keep = false;
+    ComPtr<IFbInstanceData> m_store;
+    ComPtr<IInstanceDataMgr> m_manager;
+    ComPtr<IStorage> m_root;
+};

@@ -1,7 +1,7 @@
 // Parameter groups: the file that check_group_streams.py reads, names shared
 // with parameters, values through the members, and damaged group and member
 // streams.
-#include "../parameters/ParameterFixture.h"
+#include "TestSupport.h"
 
 namespace
 {
@@ -10,9 +10,14 @@ const HRESULT kMemberNotParameter = static_cast<HRESULT>(0x80043005);
 const HRESULT kNotGroupStream = static_cast<HRESULT>(0x80043007);
 const HRESULT kNameUnknown = static_cast<HRESULT>(0x80043008);
 
-class Groups : public StoreFixture
+class Groups : public StoreSession
 {
 protected:
+    void SetUp() override
+    {
+        StoreSession::SetUp();
+        ASSERT_EQ(L"1", NewInstance());
+    }
     // Each helper also checks that the caller's array comes back unchanged.
     HRESULT DefineGroup(const wchar_t* name, BYTE id, const Names& members)
     {
@@ -68,8 +73,7 @@ TEST_F(GroupStreams, FileForTheIndependentCheck)
     BYTE id = 0;
     ASSERT_EQ(S_OK, GroupId(L"g", &id));
     EXPECT_EQ(0xFF, id);
-    KeepFile();
-
+    Keep();
     Reopen();
     EXPECT_EQ((Names{L"A", L"B", L"A"}), Members(L"g"));
     EXPECT_TRUE(Members(L"empty").empty());
@@ -83,13 +87,11 @@ TEST_F(GroupStreams, FileForTheIndependentCheck)
 TEST_F(Groups, ANameIsAGroupOrAParameterForGood)
 {
     ASSERT_EQ(S_OK, Define(L"p", _variant_t(1L)));
-    Park();
-    const Bytes map = StreamBytes(L"map");
+    const Bytes map = Stream(L"1/map");
     TraceCapture trace;
     EXPECT_EQ(kNameExists, DefineGroup(L"p", 1, {L"p"}));
     EXPECT_TRUE(trace.Lines().empty()) << trace.Text();
-    Park();
-    EXPECT_EQ(map, StreamBytes(L"map"));
+    EXPECT_EQ(map, Stream(L"1/map"));
 
     ASSERT_EQ(S_OK, DefineGroup(L"g", 1, {L"p"}));
     EXPECT_EQ(kNameExists, DefineGroup(L"g", 2, {}));
@@ -141,10 +143,9 @@ TEST_F(Groups, MemberFaults)
 
     // B's stream says group: nothing is read or written at all.
     ASSERT_EQ(S_OK, DefineGroup(L"g", 1, {L"A", L"B"}));
-    Park();
-    Bytes stream = StreamBytes(L"1");
+    Bytes stream = Stream(L"1/1");
     stream[4] = 1;
-    PutStreamBytes(L"1", stream);
+    Replace(L"1/1", stream);
     TraceCapture trace;
     ReadValues(L"g", kMemberNotParameter);
     EXPECT_EQ(kMemberNotParameter, WriteValues(L"g", {_variant_t(11L), _variant_t(21L)}));
@@ -156,7 +157,6 @@ TEST_F(Groups, MemberFaults)
 TEST_F(Groups, DamagedGroupStreams)
 {
     ASSERT_EQ(S_OK, DefineGroup(L"g", 1, {L"x"}));
-    Park();
     const struct
     {
         Bytes bytes;
@@ -174,15 +174,14 @@ TEST_F(Groups, DamagedGroupStreams)
     for (const auto& damage : cases)
     {
         SCOPED_TRACE(damage.message);
-        PutStreamBytes(L"0", damage.bytes);
+        Replace(L"1/0", damage.bytes);
         TraceCapture trace;
         Members(L"g", damage.result);
         EXPECT_TRUE(trace.Contains(damage.message)) << trace.Text();
         ReadValues(L"g", damage.result);
-        Park();
     }
     // The identifier alone is read without the members.
-    PutStreamBytes(L"0", ByteBuilder().Header(L"g", 1).U32(0x1234).U32(0xFFFFFFFF).bytes);
+    Replace(L"1/0", ByteBuilder().Header(L"g", 1).U32(0x1234).U32(0xFFFFFFFF).bytes);
     BYTE id = 0;
     EXPECT_EQ(S_OK, GroupId(L"g", &id));
     EXPECT_EQ(0x34, id);

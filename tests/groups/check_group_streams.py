@@ -2,8 +2,7 @@
 import os
 import sys
 
-sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), '..', 'parameters'))
-from store_bytes import check, string, u32  # noqa: E402
+from store_bytes import check, string, u32
 
 EXPECTED = {
     # Parameters A (0) and B (1), then the groups g (2) and empty (3); one

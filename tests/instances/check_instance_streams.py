@@ -1,11 +1,11 @@
-"""Byte check of instance-streams.stg: the streams of a new instance made
+"""Byte check of the file of Instances.NewInstancesAndTheirIdentification: the streams of a new instance made
 from the store's own new descriptor objects (instance 1) and of one made from
 the caller's own descriptor objects (instance 2)."""
 import os
 import struct
 import sys
 
-from store_streams import check, string
+from store_bytes import check, string
 
 EXPECTED = {
     'admin': struct.pack('<II', 1, 3),
@@ -21,4 +21,5 @@ SIZES = {'admin': 8, '1/instance': 20, '1/map': 12, '1/dtm': 29, '1/comm': 13}
 
 if __name__ == '__main__':
     assert all(len(EXPECTED[name]) == size for name, size in SIZES.items())
-    sys.exit(check(os.path.join(sys.argv[1], 'instance-streams.stg'), EXPECTED, storages=['1', '2']))
+    sys.exit(check(os.path.join(sys.argv[1], 'Instances-NewInstancesAndTheirIdentification.stg'), EXPECTED,
+                   storages=['1', '2']))

@@ -86,9 +86,7 @@ TEST_F(ComVector, DetachToDestroysWhatTheOutParameterHeld)
         TraceCapture trace;
         EXPECT_EQ(E_POINTER, owner.DetachTo(nullptr));
         EXPECT_EQ(made, owner.Get());
-        ASSERT_EQ(1u, trace.Lines().size());
-        EXPECT_EQ(0u, trace.Lines()[0].find("Common/Pivka/PK_ComVector(")) << trace.Text();
-        EXPECT_NE(std::string::npos, trace.Lines()[0].find(") : error 0x80004003: ")) << trace.Text();
+        EXPECT_EQ(1u, trace.Count(") : error 0x80004003: ")) << trace.Text();
     }
     SAFEARRAY* out = MakeBstrArray({L"old", L"older"});   // freed by the detach, or the leak check fails
     ASSERT_EQ(S_OK, owner.DetachTo(&out));

@@ -334,35 +334,18 @@ TEST_F(DataObjects, FactoryWithoutMemoryGivesOutOfMemoryAndNull)
     EXPECT_EQ(E_POINTER, FdtClassID::CreateInstance(nullptr));
 }
 
-TEST_F(DataObjects, ReleasingADescriptorReleasesItsThreeMembers)
-{
-    const LONG before = LiveDataObjects();
-    ComPtr<IFdtDescriptor> descriptor = Make<FdtDescriptor, IFdtDescriptor>();
-    ASSERT_EQ(S_OK, descriptor->put_m_dtm(Make<FdtDtmDescriptor, IFdtDtmDescriptor>().Get()));
-    ASSERT_EQ(S_OK,
-              descriptor->put_m_instanceData(Make<FdtInstanceDataDescriptor, IFdtInstanceDataDescriptor>().Get()));
-    ASSERT_EQ(S_OK,
-              descriptor->put_m_communication(Make<FdtCommunicationDescriptor, IFdtCommunicationDescriptor>().Get()));
-    EXPECT_EQ(before + 4, LiveDataObjects()) << "the descriptor keeps its members alive";
-    descriptor.Reset();
-    EXPECT_EQ(before, LiveDataObjects());
-}
-
 // The descriptor and its members come from InstanceData.dll's store.
-TEST(DataObjectUnload, ServerStaysWhileADataObjectItHandedOutLives)
+using DataObjectUnload = StoreSession;
+
+TEST_F(DataObjectUnload, ServerStaysWhileADataObjectItHandedOutLives)
 {
-    TempStoreFile file(L"objects-unload.fdt");
     ComPtr<IFdtDescriptor> descriptor;
-    {
-        OpenStore open = OpenStore::At(file.Bstr());
-        ASSERT_TRUE(open.root);
-        _bstr_t id;
-        ASSERT_EQ(S_OK, open.store->Create(nullptr, Make<FdtDtmDescriptor, IFdtDtmDescriptor>().Get(),
-                                           Make<FdtCommunicationDescriptor, IFdtCommunicationDescriptor>().Get(),
-                                           id.GetAddress()));
-        ASSERT_EQ(S_OK, open.store->ReadIdentification(nullptr, id, descriptor.GetAddressOf()));
-    }
+    const _bstr_t id(NewInstance(Make<FdtDtmDescriptor, IFdtDtmDescriptor>().Get(),
+                                 Make<FdtCommunicationDescriptor, IFdtCommunicationDescriptor>().Get())
+                         .c_str());
+    ASSERT_EQ(S_OK, Store()->ReadIdentification(nullptr, id, descriptor.GetAddressOf()));
     ASSERT_TRUE(descriptor);
+    Close();
     EXPECT_EQ(S_FALSE, ServerModule::CanUnloadNow()) << "the descriptor and its members live";
 
     ComPtr<IFdtDtmDescriptor> dtm;

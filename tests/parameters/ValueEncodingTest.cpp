@@ -1,12 +1,29 @@
 // Parameter streams and the value encoding: the file that
 // check_parameter_streams.py reads, every VARTYPE there and back, persisted
-// objects, and values that have no stored form.
-#include "ParameterFixture.h"
+// objects, values that have no stored form, and damaged streams.
 #include <olectl.h>
+#include "TestObject.h"
+#include "TestSupport.h"
 
 namespace
 {
-using ParameterStreams = StoreFixture;
+const HRESULT kNotParameterStream = static_cast<HRESULT>(0x80043006);
+
+class ParameterStreams : public StoreSession
+{
+protected:
+    void SetUp() override
+    {
+        StoreSession::SetUp();
+        ASSERT_EQ(L"1", NewInstance());
+    }
+};
+
+// A stream of p: header and flags, then the rest as given.
+ByteBuilder Record(DWORD version = 1, DWORD kind = 2, const wchar_t* name = L"p")
+{
+    return ByteBuilder().Header(name, kind, version).U32(0).U32(0).U32(0).U32(0);
+}
 
 template <class T>
 _variant_t Typed(VARTYPE vt, T payload)
@@ -52,23 +69,24 @@ ComPtr<IFont> AsFont(IUnknown* object)
 
 TEST_F(ParameterStreams, FileForTheIndependentCheck)
 {
-    ComPtr<TestParameter> b = TestParameter::Make(L"b", Typed<LONG>(VT_I4, 0x01020304), Typed<SHORT>(VT_BOOL, -1));
+    ComPtr<TestParameter> b = new TestParameter(L"b", Typed<LONG>(VT_I4, 0x01020304), Typed<SHORT>(VT_BOOL, -1));
     b->index = -5, b->dataType = 0xFF, b->size = 7, b->objectType = 9, b->locked = VARIANT_TRUE;
-    ComPtr<TestParameter> a = TestParameter::Make(L"a", _variant_t(), BstrValue(nullptr));
+    ComPtr<TestParameter> a = new TestParameter(L"a", _variant_t(), BstrValue(nullptr));
     a->index = 0x11, a->dataType = 0x22, a->size = 0x33, a->objectType = 0x44, a->isProtected = VARIANT_TRUE;
     ASSERT_EQ(S_OK, Define(b.Get()));
     ASSERT_EQ(S_OK, Define(a.Get()));
 
-    MakeInstance(L"2");
-    ComPtr<TestParameter> m = TestParameter::Make(L"m", BstrValue(L""), Typed<SHORT>(VT_BOOL, 0));
+    ASSERT_EQ(L"2", NewInstance());
+    ComPtr<TestParameter> m = new TestParameter(L"m", BstrValue(L""), Typed<SHORT>(VT_BOOL, 0));
     m->mandatory = VARIANT_TRUE;
-    ComPtr<TestParameter> p = TestParameter::Make(L"p", BstrValue(L"abc"), Typed<double>(VT_R8, 1.5));
+    ComPtr<TestParameter> p = new TestParameter(L"p", BstrValue(L"abc"), Typed<double>(VT_R8, 1.5));
     p->isPrivate = -1;
-    ComPtr<TestParameter> w = TestParameter::Make(L"w", Typed<CHAR>(VT_I1, -2), Typed<LONGLONG>(VT_CY, 12345));
-    ComPtr<TestParameter> x = TestParameter::Make(L"x", Typed<USHORT>(VT_UI2, 0xBEEF), Typed<LONGLONG>(VT_I8, -7));
+    ComPtr<TestParameter> w = new TestParameter(L"w", Typed<CHAR>(VT_I1, -2), Typed<LONGLONG>(VT_CY, 12345));
+    ComPtr<TestParameter> x = new TestParameter(L"x", Typed<USHORT>(VT_UI2, 0xBEEF), Typed<LONGLONG>(VT_I8, -7));
     for (TestParameter* parameter : {m.Get(), p.Get(), w.Get(), x.Get()})
         ASSERT_EQ(S_OK, Define(parameter, L"2"));
-    KeepFile();
+    Commit();
+    Keep();
 }
 
 TEST_F(ParameterStreams, EveryValueTypeComesBackEqual)
@@ -124,7 +142,7 @@ TEST_F(ParameterStreams, ObjectsTravelInThePlatformPersistedForm)
     ComPtr<IDispatch> dispatch;
     ASSERT_EQ(S_OK, font.As(&dispatch));
     ComPtr<TestParameter> parameter =
-        TestParameter::Make(L"font", _variant_t(dispatch.Get()), _variant_t(static_cast<IUnknown*>(font.Get())));
+        new TestParameter(L"font", _variant_t(dispatch.Get()), _variant_t(static_cast<IUnknown*>(font.Get())));
     parameter->index = 41;
     parameter->objectType = 42;
     ASSERT_EQ(S_OK, Define(parameter.Get()));
@@ -165,7 +183,7 @@ TEST_F(ParameterStreams, ValuesWithoutAStoredFormAreRefused)
     const HRESULT conversion = VariantChangeType(&text, &arrayValue, 0, VT_BSTR);
     EXPECT_TRUE(FAILED(conversion));
     V_VT(&null) = VT_NULL;
-    ComPtr<TestParameter> notPersistable = TestParameter::Make(L"x", _variant_t());
+    ComPtr<TestParameter> notPersistable = new TestParameter(L"x", _variant_t());
 
     TraceCapture trace;
     EXPECT_EQ(conversion, Define(L"array", arrayValue));
@@ -174,4 +192,60 @@ TEST_F(ParameterStreams, ValuesWithoutAStoredFormAreRefused)
     EXPECT_EQ(E_NOINTERFACE, Define(L"object", _variant_t(static_cast<IUnknown*>(notPersistable.Get()))));
     EXPECT_EQ(3u, trace.Count("FbInstanceData::WritePara() CStreamTool::Write(value) failed\n")) << trace.Text();
     EXPECT_EQ(1u, trace.Count("FbInstanceData::WritePara() CStreamTool::Write(default value) failed\n"));
+}
+
+// Parameter streams and the stream name map damaged through the root: each
+// gives its stated result and message, never a crash, a hang or an
+// allocation for a count the stream cannot back.
+TEST_F(ParameterStreams, DamagedStreamsGiveTheirErrorAndMessage)
+{
+    const char* valueFailed = "FbInstanceData::ReadPara() ReadFromStream(value) failed\n";
+    const char* failed = ": error 0x80004005: ";
+    const struct
+    {
+        const wchar_t* stream;
+        Bytes bytes;
+        HRESULT result;
+        const char* message;
+    } cases[] = {
+        {L"1/0", Record(2), E_FAIL, "FbInstanceData::ReadPara invalid version\n"},
+        {L"1/0", Record(1, 1), kNotParameterStream, "FbInstanceData::ReadPara stream isn't a group\n"},
+        {L"1/0", Record(1, 2, L"q").U16(VT_I4).U32(5), E_FAIL, ": internal error 0xaa: "},
+        {L"1/0", Record(1, 2, nullptr).U16(VT_I4).U32(5), E_FAIL, ": internal error 0xaa: "},
+        {L"1/0", ByteBuilder().U32(1).U32(2).U32(0x7FFFFFF0), E_FAIL, failed},
+        {L"1/0", ByteBuilder().U32(1).U32(2).Str(L"p").U32(1), E_FAIL, failed},
+        {L"1/0", Bytes(), E_FAIL, failed},
+        {L"1/0", Record(), E_FAIL, valueFailed},
+        {L"1/0", Record().U16(VT_I4).U16(5), E_FAIL, valueFailed},
+        {L"1/0", Record().U16(VT_BSTR).U32(0xFFFFFFFE), E_FAIL, valueFailed},
+        {L"1/0", Record().U16(VT_BSTR).U32(7).Str(L"abc"), E_FAIL, valueFailed},
+        {L"1/0", Record().U16(VT_I8).Str(L"abc"), DISP_E_TYPEMISMATCH, valueFailed},
+        // The value alone still reads; the whole record does not.
+        {L"1/0", Record().U16(VT_I4).U32(5).U16(VT_BSTR).U32(0x40000000), S_OK,
+         "FbInstanceData::ReadPara() ReadFromStream(default value) failed\n"},
+        {L"1/0", Record().U16(VT_I4).U32(5).U16(VT_EMPTY).Str(L"").U32(1).U32(2).U32(3), S_OK, failed},
+        // The stream name map: version, next stream number, count, then name, kind and number per entry.
+        {L"1/map", ByteBuilder().U32(2).U32(1).U32(1).Str(L"p").U32(2).U32(0), E_FAIL,
+         "FbInstanceData::ReadStreamNameMap invalid version\n"},
+        {L"1/map", ByteBuilder().U32(1).U32(1), E_FAIL, failed},
+        {L"1/map", ByteBuilder().U32(1).U32(1).U32(0x7FFFFFFF).Str(L"p").U32(2).U32(0), E_FAIL, failed},
+        {L"1/map", ByteBuilder().U32(1).U32(1).U32(1).U32(0x7FFFFFF0), E_FAIL, failed},
+        {L"1/map", ByteBuilder().U32(1).U32(1).U32(1).Str(L"p").U32(2), E_FAIL, failed},
+        {L"1/map", Bytes(), E_FAIL, failed},
+    };
+    ASSERT_EQ(S_OK, Define(L"p", _variant_t(5L)));
+    for (const auto& damage : cases)
+    {
+        SCOPED_TRACE(testing::Message() << &damage - cases);
+        const Bytes original = Stream(damage.stream);
+        Replace(damage.stream, damage.bytes);
+        TraceCapture trace;
+        Read(L"p", damage.result);
+        ComPtr<IFdtParameter> info;
+        EXPECT_TRUE(FAILED(Store()->ReadParameterInfo(nullptr, m_id, _bstr_t(L"p"), info.GetAddressOf())));
+        EXPECT_FALSE(info);
+        EXPECT_TRUE(trace.Contains(damage.message)) << trace.Text();
+        Replace(damage.stream, original);
+    }
+    EXPECT_EQ(_variant_t(5L), Read(L"p"));
 }

@@ -1,12 +1,11 @@
-"""Byte check of reference-streams.stg: instance 1 lists (3, Q) and (2, P) in
+"""Byte check of the file of References.DuplicatesAreListedAndRemovedOneAtATime: instance 1 lists (3, Q) and (2, P) in
 the order of addition, instance 2 had its super reference removed (empty
 strings, not null ones), instance 3 names 1 through Q."""
 import os
 import struct
 import sys
 
-sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), '..', 'instances'))
-from store_streams import check, string  # noqa: E402
+from store_bytes import check, string
 
 
 def instance(lock_count, super_id, super_parameter, subs):
@@ -24,4 +23,4 @@ EXPECTED = {
 }
 
 if __name__ == '__main__':
-    sys.exit(check(os.path.join(sys.argv[1], 'reference-streams.stg'), EXPECTED, storages=['1', '2', '3']))
+    sys.exit(check(os.path.join(sys.argv[1], 'References-DuplicatesAreListedAndRemovedOneAtATime.stg'), EXPECTED, storages=['1', '2', '3']))

@@ -1,5 +1,4 @@
 // The module as a host sees it: class object, shared store object, lock count.
-#include <gtest/gtest.h>
 #include "TestSupport.h"
 
 TEST(Module, ClassObjectHandsOutOneSharedStore)
@@ -48,16 +47,16 @@ TEST(Module, RefusesUnknownClassesAndAggregation)
 
 TEST(Module, LockServerKeepsTheModuleLoaded)
 {
-    ASSERT_TRUE(ModuleCanUnload());
+    ASSERT_EQ(S_OK, ServerModule::CanUnloadNow());
     ComPtr<IClassFactory> factory;
     ASSERT_EQ(S_OK, ServerModule::GetClassObject(CLSID_FbInstanceData, IID_IClassFactory,
                                                  reinterpret_cast<void**>(factory.GetAddressOf())));
     ASSERT_EQ(S_OK, factory->LockServer(TRUE));
     factory.Reset();
-    EXPECT_FALSE(ModuleCanUnload());
+    EXPECT_EQ(S_FALSE, ServerModule::CanUnloadNow());
     ASSERT_EQ(S_OK, ServerModule::GetClassObject(CLSID_FbInstanceData, IID_IClassFactory,
                                                  reinterpret_cast<void**>(factory.GetAddressOf())));
     ASSERT_EQ(S_OK, factory->LockServer(FALSE));
     factory.Reset();
-    EXPECT_TRUE(ModuleCanUnload());
+    EXPECT_EQ(S_OK, ServerModule::CanUnloadNow());
 }

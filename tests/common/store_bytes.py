@@ -21,17 +21,22 @@ def string(text):
     return u32(len(units)) + units
 
 
-def check(path, expected, sizes):
-    """Compares streams (name -> bytes) and their sizes (name -> count); gives the exit code."""
+def check(path, expected, sizes=None, storages=None):
+    """Compares streams (name -> bytes), their sizes (name -> count) and the
+    file's storages (a list); prints the failures and gives the exit code."""
     failures = []
     with olefile.OleFileIO(path) as ole:
+        if storages is not None:
+            found = sorted('/'.join(entry) for entry in ole.listdir(streams=False, storages=True))
+            if found != sorted(storages):
+                failures.append('storages %r, expected %r' % (found, storages))
         for name, content in expected.items():
             actual = ole.openstream(name).read() if ole.exists(name) else None
             if actual != content:
                 failures.append('%s:\n  %r\n  expected %r' % (name, actual, content))
-        for name, size in sizes.items():
+        for name, size in (sizes or {}).items():
             actual = ole.get_size(name) if ole.exists(name) else None
             if actual != size:
                 failures.append('%s: %r bytes, expected %d' % (name, actual, size))
-    print('\n'.join(failures + ['%d failures' % len(failures)]))
+    print('\n'.join(failures + ['%s: %d failures' % (path, len(failures))]))
     return 1 if failures else 0
