@@ -1,13 +1,7 @@
 #include "InstanceData/StoreFormat.h"
+#include "Common/ErrorTrace.h"
 
-// Gives hr back when it failed; the formats report, the callers trace.
-#define READ_OR_RETURN(expr)          \
-    do                                \
-    {                                 \
-        const HRESULT hr_ = (expr);   \
-        if (FAILED(hr_))              \
-            return hr_;               \
-    } while (0)
+// The formats give their failures back untraced: the callers trace them.
 
 static_assert(sizeof(AdminRecord) == 8, "the administration stream is exactly 8 bytes");
 
@@ -16,7 +10,7 @@ namespace
 HRESULT ReadVersion(ByteReader& in)
 {
     DWORD version = 0;
-    READ_OR_RETURN(in.Read(version));
+    RETURN_IF_FAILED_QUIET(in.Read(version));
     return version == IDS_STREAM_VERSION ? S_OK : IDS_E_STREAM_VERSION;
 }
 
@@ -64,8 +58,8 @@ DWORD InstanceNumberOf(const WCHAR* name)
 HRESULT ReadAdminRecord(ByteReader& in, AdminRecord& record)
 {
     AdminRecord read;
-    READ_OR_RETURN(in.Read(read.version));
-    READ_OR_RETURN(in.Read(read.nextInstanceNumber));
+    RETURN_IF_FAILED_QUIET(in.Read(read.version));
+    RETURN_IF_FAILED_QUIET(in.Read(read.nextInstanceNumber));
     record = read;
     return S_OK;
 }
@@ -103,19 +97,19 @@ void StreamNameMapRecord::Clear()
 
 HRESULT ReadStreamNameMapRecord(ByteReader& in, StreamNameMapRecord& record)
 {
-    READ_OR_RETURN(ReadVersion(in));
+    RETURN_IF_FAILED_QUIET(ReadVersion(in));
     DWORD count = 0;
-    READ_OR_RETURN(in.Read(record.nextStreamNumber));
-    READ_OR_RETURN(in.Read(count));
+    RETURN_IF_FAILED_QUIET(in.Read(record.nextStreamNumber));
+    RETURN_IF_FAILED_QUIET(in.Read(count));
     // Entries are added as they are read, never sized from the count: a
     // damaged count then ends at the buffer's end.
     for (DWORD i = 0; i < count; ++i)
     {
         _bstr_t name;
         StreamNameEntry entry;
-        READ_OR_RETURN(in.Read(name));
-        READ_OR_RETURN(in.Read(entry.kind));
-        READ_OR_RETURN(in.Read(entry.number));
+        RETURN_IF_FAILED_QUIET(in.Read(name));
+        RETURN_IF_FAILED_QUIET(in.Read(entry.kind));
+        RETURN_IF_FAILED_QUIET(in.Read(entry.number));
         record.entries[name] = entry;
     }
     return S_OK;
@@ -146,23 +140,23 @@ void InstanceRecord::Reset()
 
 HRESULT ReadInstanceRecord(ByteReader& in, InstanceRecord& record, bool headOnly)
 {
-    READ_OR_RETURN(ReadVersion(in));
-    READ_OR_RETURN(in.Read(record.lockCount));
+    RETURN_IF_FAILED_QUIET(ReadVersion(in));
+    RETURN_IF_FAILED_QUIET(in.Read(record.lockCount));
     if (headOnly)
         return S_OK;
     record.bstrSuperInstanceId = _bstr_t();
-    READ_OR_RETURN(in.Read(record.bstrSuperInstanceId));
+    RETURN_IF_FAILED_QUIET(in.Read(record.bstrSuperInstanceId));
     record.bstrSuperParameterName = _bstr_t();
-    READ_OR_RETURN(in.Read(record.bstrSuperParameterName));
+    RETURN_IF_FAILED_QUIET(in.Read(record.bstrSuperParameterName));
     DWORD count = 0;
-    READ_OR_RETURN(in.Read(count));
+    RETURN_IF_FAILED_QUIET(in.Read(count));
     record.subInstances.clear();
     for (DWORD i = 0; i < count; ++i)
     {
         record.subInstances.emplace_back();
         SubInstanceRef& entry = record.subInstances.back();
-        READ_OR_RETURN(in.Read(entry.bstrInstanceId));
-        READ_OR_RETURN(in.Read(entry.bstrParameterName));
+        RETURN_IF_FAILED_QUIET(in.Read(entry.bstrInstanceId));
+        RETURN_IF_FAILED_QUIET(in.Read(entry.bstrParameterName));
     }
     return S_OK;
 }
@@ -187,13 +181,13 @@ void WriteInstanceRecord(ByteWriter& out, const InstanceRecord& record, bool hea
 
 HRESULT ReadDtmDescriptorRecord(ByteReader& in, DtmDescriptorRecord& record)
 {
-    READ_OR_RETURN(ReadVersion(in));
-    READ_OR_RETURN(in.Read(record.category));
-    READ_OR_RETURN(in.Read(record.classification));
-    READ_OR_RETURN(in.Read(record.device));
-    READ_OR_RETURN(in.Read(record.node));
-    READ_OR_RETURN(in.Read(record.application));
-    READ_OR_RETURN(in.Read(record.language));
+    RETURN_IF_FAILED_QUIET(ReadVersion(in));
+    RETURN_IF_FAILED_QUIET(in.Read(record.category));
+    RETURN_IF_FAILED_QUIET(in.Read(record.classification));
+    RETURN_IF_FAILED_QUIET(in.Read(record.device));
+    RETURN_IF_FAILED_QUIET(in.Read(record.node));
+    RETURN_IF_FAILED_QUIET(in.Read(record.application));
+    RETURN_IF_FAILED_QUIET(in.Read(record.language));
     return S_OK;
 }
 
@@ -210,9 +204,9 @@ void WriteDtmDescriptorRecord(ByteWriter& out, const DtmDescriptorRecord& record
 
 HRESULT ReadCommDescriptorRecord(ByteReader& in, CommDescriptorRecord& record)
 {
-    READ_OR_RETURN(ReadVersion(in));
-    READ_OR_RETURN(in.Read(record.category));
-    READ_OR_RETURN(in.Read(record.name));
+    RETURN_IF_FAILED_QUIET(ReadVersion(in));
+    RETURN_IF_FAILED_QUIET(in.Read(record.category));
+    RETURN_IF_FAILED_QUIET(in.Read(record.name));
     return S_OK;
 }
 
@@ -227,9 +221,9 @@ void WriteCommDescriptorRecord(ByteWriter& out, const CommDescriptorRecord& reco
 
 HRESULT ReadElementHead(ByteReader& in, DWORD kind, _bstr_t& name)
 {
-    READ_OR_RETURN(ReadVersion(in));
+    RETURN_IF_FAILED_QUIET(ReadVersion(in));
     DWORD storedKind = 0;
-    READ_OR_RETURN(in.Read(storedKind));
+    RETURN_IF_FAILED_QUIET(in.Read(storedKind));
     if (storedKind != kind)
         return kind == ElementKindGroup ? IDS_E_NOT_GROUP_STREAM : IDS_E_NOT_PARAMETER_STREAM;
     return in.Read(name);
@@ -238,24 +232,24 @@ HRESULT ReadElementHead(ByteReader& in, DWORD kind, _bstr_t& name)
 HRESULT ReadParameterRecord(ByteReader& in, ParameterRecord& record, ParameterPart part, ParameterPart& failedAt)
 {
     failedAt = ParameterPart::Head;
-    READ_OR_RETURN(ReadElementHead(in, ElementKindParameter, record.bstrName));
-    READ_OR_RETURN(in.Read(record.isLocked));
-    READ_OR_RETURN(in.Read(record.isProtected));
-    READ_OR_RETURN(in.Read(record.isMandatory));
-    READ_OR_RETURN(in.Read(record.isPrivate));
+    RETURN_IF_FAILED_QUIET(ReadElementHead(in, ElementKindParameter, record.bstrName));
+    RETURN_IF_FAILED_QUIET(in.Read(record.isLocked));
+    RETURN_IF_FAILED_QUIET(in.Read(record.isProtected));
+    RETURN_IF_FAILED_QUIET(in.Read(record.isMandatory));
+    RETURN_IF_FAILED_QUIET(in.Read(record.isPrivate));
     if (part == ParameterPart::Head)
         return S_OK;
     failedAt = ParameterPart::Value;
-    READ_OR_RETURN(in.ReadValue(record.value));
+    RETURN_IF_FAILED_QUIET(in.ReadValue(record.value));
     if (part == ParameterPart::Value)
         return S_OK;
     failedAt = ParameterPart::DefaultValue;
-    READ_OR_RETURN(in.ReadValue(record.defaultValue));
+    RETURN_IF_FAILED_QUIET(in.ReadValue(record.defaultValue));
     failedAt = ParameterPart::Body;
-    READ_OR_RETURN(in.Read(record.index));
-    READ_OR_RETURN(in.Read(record.dataType));
-    READ_OR_RETURN(in.Read(record.size));
-    READ_OR_RETURN(in.Read(record.objectType));
+    RETURN_IF_FAILED_QUIET(in.Read(record.index));
+    RETURN_IF_FAILED_QUIET(in.Read(record.dataType));
+    RETURN_IF_FAILED_QUIET(in.Read(record.size));
+    RETURN_IF_FAILED_QUIET(in.Read(record.objectType));
     return S_OK;
 }
 
@@ -270,9 +264,9 @@ HRESULT WriteParameterRecord(ByteWriter& out, const ParameterRecord& record, boo
     if (withBody)
     {
         failedAt = ParameterPart::Value;
-        READ_OR_RETURN(built.WriteValue(record.value));
+        RETURN_IF_FAILED_QUIET(built.WriteValue(record.value));
         failedAt = ParameterPart::DefaultValue;
-        READ_OR_RETURN(built.WriteValue(record.defaultValue));
+        RETURN_IF_FAILED_QUIET(built.WriteValue(record.defaultValue));
         built.Write(record.index);
         built.Write(record.dataType);
         built.Write(record.size);
@@ -285,20 +279,20 @@ HRESULT WriteParameterRecord(ByteWriter& out, const ParameterRecord& record, boo
 HRESULT ReadGroupRecord(ByteReader& in, GroupRecord& record, bool withMembers)
 {
     _bstr_t storedName;
-    READ_OR_RETURN(ReadElementHead(in, ElementKindGroup, storedName));
+    RETURN_IF_FAILED_QUIET(ReadElementHead(in, ElementKindGroup, storedName));
     record.bstrName = storedName;
     DWORD groupId = 0;
-    READ_OR_RETURN(in.Read(groupId));
+    RETURN_IF_FAILED_QUIET(in.Read(groupId));
     record.groupId = static_cast<BYTE>(groupId);
     if (!withMembers)
         return S_OK;
     DWORD count = 0;
-    READ_OR_RETURN(in.Read(count));
+    RETURN_IF_FAILED_QUIET(in.Read(count));
     record.members.clear();
     for (DWORD i = 0; i < count; ++i)
     {
         _bstr_t member;
-        READ_OR_RETURN(in.Read(member));
+        RETURN_IF_FAILED_QUIET(in.Read(member));
         record.members.push_back(member);
     }
     return S_OK;
