@@ -83,6 +83,14 @@ inline std::string ReadString(HKEY root, const std::string& path, const char* na
     return RegGetValueA(root, path.c_str(), name, RRF_RT_REG_SZ, nullptr, value, &size) == ERROR_SUCCESS ? value : "";
 }
 
+// Creates the key if needed; the caller closes it (a null key is ignored).
+inline HKEY CreateKey(HKEY root, const std::string& path)
+{
+    HKEY key = nullptr;
+    RegCreateKeyExA(root, path.c_str(), 0, nullptr, 0, KEY_WRITE, nullptr, &key, nullptr);
+    return key;
+}
+
 // Creates the key if needed and sets a string value on it.
 inline void WriteString(HKEY root, const std::string& path, const char* name, const std::string& value)
 {

@@ -101,10 +101,7 @@ inline Snapshot Take()
 // The FDT installation's list of modules, before any module enlists.
 inline void CreateModuleList()
 {
-    HKEY key = nullptr;
-    if (RegCreateKeyExA(HKEY_LOCAL_MACHINE, "Software\\Korvo\\FDT\\Modules", 0, nullptr, 0, KEY_WRITE, nullptr, &key,
-                        nullptr) == ERROR_SUCCESS)
-        RegCloseKey(key);
+    RegCloseKey(registry_dump::CreateKey(HKEY_LOCAL_MACHINE, "Software\\Korvo\\FDT\\Modules"));
 }
 
 // Lines only in before ("-") or only in after ("+").
