@@ -12,19 +12,13 @@ using namespace registry_snapshot;
 
 namespace
 {
-const std::vector<std::string> kModuleKeys = {
-    "HKCR\\CLSID\\{dccef494-6108-11d3-b23d-00c04f5124bf}",
-    "HKCR\\Korvo.VQ.InstanceData.FbInstanceData",
-    "HKCR\\Korvo.VQ.InstanceData.FbInstanceData.1",
-    "HKCR\\TypeLib\\{DCCEF493-6108-11D3-B23D-00C04F5124BF}",
-    "HKCR\\Interface\\{DCCEF495-6108-11D3-B23D-00C04F5124BF}",
-    "HKCR\\Interface\\{9BA5127D-CD5B-11D2-8F74-000000000000}",
-    "HKCR\\Interface\\{AD8D15E9-CCCF-11D2-8F72-000000000000}",
-    "HKCR\\Interface\\{65147D93-CD50-11D2-8F73-000000000000}",
-    "HKCR\\Interface\\{9BA5126C-CD5B-11D2-8F74-000000000000}",
-    "HKLM\\Software\\Korvo\\FDT\\Modules\\{DCCEF494-6108-11D3-B23D-00C04F5124BF}",
-    "HKCR\\Installer",    // the product registration of the installer service
-};
+// The module's keys, and the product registration of the installer service.
+std::vector<std::string> InstalledKeys()
+{
+    std::vector<std::string> keys = kModuleKeys;
+    keys.push_back("HKCR\\Installer");
+    return keys;
+}
 const wchar_t kInstalledFiles[][20] = {L"InstanceData.dll", L"Pivka.dll", L"InstanceData.tlb"};
 
 std::wstring ProgramFiles(const wchar_t* folder)
@@ -114,7 +108,7 @@ TEST_F(Installer, InstallRegistersTheClassAndUninstallRestoresRegistryAndFolder)
     EXPECT_EQ(server, registry_dump::ReadString(HKEY_LOCAL_MACHINE,
                                                 "Software\\Korvo\\FDT\\Modules\\{DCCEF494-6108-11D3-B23D-00C04F5124BF}",
                                                 "ModulePath"));
-    EXPECT_EQ(std::vector<std::string>{}, Foreign(Difference(before, Take()), kModuleKeys));
+    EXPECT_EQ(std::vector<std::string>{}, Foreign(Difference(before, Take()), InstalledKeys()));
     // A client creates the class by its programmatic identifier and opens a store.
     const std::wstring store = child_process::ProgramDirectory() + L"testfiles\\installed.stg";
     EXPECT_EQ(0u, child_process::Run(L"\"" + child_process::ProgramDirectory() + L"RegisteredClient.exe\" \"" + store +

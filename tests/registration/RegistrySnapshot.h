@@ -104,6 +104,21 @@ inline void CreateModuleList()
     RegCloseKey(registry_dump::CreateKey(HKEY_LOCAL_MACHINE, "Software\\Korvo\\FDT\\Modules"));
 }
 
+// The module's keys, and the FDT interface keys (the four descriptors) that
+// its library holds while it is registered.
+inline const std::vector<std::string> kModuleKeys = {
+    "HKCR\\CLSID\\{dccef494-6108-11d3-b23d-00c04f5124bf}",
+    "HKCR\\Korvo.VQ.InstanceData.FbInstanceData",
+    "HKCR\\Korvo.VQ.InstanceData.FbInstanceData.1",
+    "HKCR\\TypeLib\\{DCCEF493-6108-11D3-B23D-00C04F5124BF}",
+    "HKCR\\Interface\\{DCCEF495-6108-11D3-B23D-00C04F5124BF}",
+    "HKCR\\Interface\\{9BA5127D-CD5B-11D2-8F74-000000000000}",
+    "HKCR\\Interface\\{AD8D15E9-CCCF-11D2-8F72-000000000000}",
+    "HKCR\\Interface\\{65147D93-CD50-11D2-8F73-000000000000}",
+    "HKCR\\Interface\\{9BA5126C-CD5B-11D2-8F74-000000000000}",
+    "HKLM\\Software\\Korvo\\FDT\\Modules\\{DCCEF494-6108-11D3-B23D-00C04F5124BF}",
+};
+
 // Lines only in before ("-") or only in after ("+").
 inline std::vector<std::string> Difference(const Snapshot& before, const Snapshot& after)
 {

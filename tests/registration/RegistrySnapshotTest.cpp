@@ -14,21 +14,6 @@ namespace
 const std::string kFdtLibrary = "{BB09346A-CC8C-11D2-8F71-000000000000}";
 const std::string kModuleLibrary = "{DCCEF493-6108-11D3-B23D-00C04F5124BF}";
 
-// The module's keys, and the FDT interface keys that its library holds while
-// it is registered.
-const std::vector<std::string> kModuleKeys = {
-    "HKCR\\CLSID\\{dccef494-6108-11d3-b23d-00c04f5124bf}",
-    "HKCR\\Korvo.VQ.InstanceData.FbInstanceData",
-    "HKCR\\Korvo.VQ.InstanceData.FbInstanceData.1",
-    "HKCR\\TypeLib\\" + kModuleLibrary,
-    "HKCR\\Interface\\{DCCEF495-6108-11D3-B23D-00C04F5124BF}",
-    "HKCR\\Interface\\{9BA5127D-CD5B-11D2-8F74-000000000000}",
-    "HKCR\\Interface\\{AD8D15E9-CCCF-11D2-8F72-000000000000}",
-    "HKCR\\Interface\\{65147D93-CD50-11D2-8F73-000000000000}",
-    "HKCR\\Interface\\{9BA5126C-CD5B-11D2-8F74-000000000000}",
-    "HKLM\\Software\\Korvo\\FDT\\Modules\\{DCCEF494-6108-11D3-B23D-00C04F5124BF}",
-};
-
 struct InterfaceKey
 {
     const char* name;
