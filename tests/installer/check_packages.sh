@@ -4,7 +4,7 @@
 # custom actions in the execute sequence.
 #   check_packages.sh <build root>
 set -euo pipefail
-root="$1"
+root="$(cd "$1" && pwd)"
 version="$(sed -n 's/^FILEVERSION \([0-9]*\),\([0-9]*\),\([0-9]*\),\([0-9]*\).*/\1.\2.\3.\4/p' \
   "$(dirname "$0")/../../InstanceData/InstanceData.rc")"
 failures=0
@@ -13,8 +13,8 @@ expect() {    # expect <what> <text> <pattern>
   grep -qE -- "$3" <<<"$2" || fail "$1: no match for '$3'"
 }
 
-# arch  template (platform;language)  program files folder  component attribute (64-bit bit set or not)
-while read -r arch template folder bits; do
+# arch  template (platform;language)  program files folder  64-bit component flag  system folder of regsvr32
+while read -r arch template folder bits system; do
   msi="$root/$arch/InstanceData-$arch.msi"
   [ -f "$msi" ] || { fail "$msi missing"; continue; }
   tables="$(msiinfo tables "$msi")"
@@ -34,6 +34,7 @@ while read -r arch template folder bits; do
     (( (attributes & 256) == bits )) || fail "$arch: component attributes $attributes"
   done <<<"$components"
   actions="$(msiinfo export "$msi" CustomAction)"
+  expect "$arch regsvr32" "$actions" "^SetRegsvr32	51	REGSVR32	\[$system\]regsvr32.exe"
   expect "$arch register" "$actions" "^RegisterModule	[0-9]+	REGSVR32	/s \"\[#InstanceDataDll\]\""
   expect "$arch unregister" "$actions" "^UnregisterModule	[0-9]+	REGSVR32	/s /u \"\[#InstanceDataDll\]\""
   sequence="$(msiinfo export "$msi" InstallExecuteSequence)"
@@ -41,15 +42,15 @@ while read -r arch template folder bits; do
   expect "$arch sequence" "$sequence" "^RegisterModule	NOT REMOVE	"
   # The package unpacks to the built files.
   out="$(mktemp -d)"
-  (cd "$out" && msiextract "$msi" >/dev/null)
+  msiextract -C "$out" "$msi" >/dev/null
   for file in InstanceData.dll Pivka.dll InstanceData.tlb; do
     found="$(find "$out" -name "$file" | head -1)"
     cmp -s "$found" "$root/$arch/$file" || fail "$arch: $file differs from the build"
   done
   rm -rf "$out"
 done <<'TABLE'
-x86_64 x64;1033 ProgramFiles64Folder 256
-i686 Intel;1033 ProgramFilesFolder 0
+x86_64 x64;1033 ProgramFiles64Folder 256 System64Folder
+i686 Intel;1033 ProgramFilesFolder 0 SystemFolder
 TABLE
 
 [ "$failures" -eq 0 ] && echo "installer packages: ok"
