@@ -181,12 +181,29 @@ STDAPI DllCanUnloadNow()
     return (AfxDllCanUnloadNow() == S_OK && _Module.GetLockCount() == 0) ? S_OK : S_FALSE;
 }
 
+namespace
+{
+// regsvr32 and installers call these: nothing thrown may reach them. An
+// exception gives E_UNEXPECTED and the error trace line of the export.
+template <class Body>
+HRESULT RegistrationGuard(int line, Body body)
+{
+    bool returned = false;
+    const HRESULT hr = EXCEPTION_GUARD([&] {
+        const HRESULT result = body();
+        returned = true;
+        return result;
+    });
+    return returned ? hr : TraceErrorLine(THIS_FILE, line, hr);
+}
+}  // namespace
+
 STDAPI DllRegisterServer()
 {
-    return _Module.RegisterServer();
+    return RegistrationGuard(__LINE__, [] { return _Module.RegisterServer(); });
 }
 
 STDAPI DllUnregisterServer()
 {
-    return _Module.UnregisterServer();
+    return RegistrationGuard(__LINE__, [] { return _Module.UnregisterServer(); });
 }

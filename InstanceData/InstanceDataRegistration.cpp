@@ -2,6 +2,7 @@
 // type library, and the module's registration as an FDT instance data module.
 #include "InstanceDataModule.h"
 #include <oleauto.h>
+#include <comutil.h>
 #include <wrl/client.h>
 #include <string>
 #include "Common/ErrorTrace.h"
@@ -84,6 +85,29 @@ void UnregisterModuleTypeLib(HINSTANCE instance)
     library->ReleaseTLibAttr(attributes);
 }
 
+// The module's library describes four descriptor interfaces of the FDT
+// library too, so registering it points their interface keys at the module
+// and unregistering it removes them. The FDT library's own registration is
+// renewed from the registry (same file, same help folder) to give those keys
+// back to it; nothing happens when the FDT library is not registered.
+void RenewFdtLibraryRegistration()
+{
+    ComPtr<ITypeLib> library;
+    BSTR path = nullptr;
+    if (FAILED(LoadRegTypeLib(LIBID_FdtInterfacesLib, 1, 0, LOCALE_NEUTRAL, library.GetAddressOf())) ||
+        FAILED(QueryPathOfRegTypeLib(LIBID_FdtInterfacesLib, 1, 0, LOCALE_NEUTRAL, &path)))
+        return;
+    _bstr_t file(path, false);
+    WCHAR libraryId[40];
+    StringFromGUID2(LIBID_FdtInterfacesLib, libraryId, 40);
+    WCHAR helpDirectory[MAX_PATH];
+    DWORD size = sizeof helpDirectory;
+    const std::wstring helpKey = std::wstring(L"TypeLib\\") + libraryId + L"\\1.0\\HELPDIR";
+    const bool haveHelp = RegGetValueW(HKEY_CLASSES_ROOT, helpKey.c_str(), nullptr, RRF_RT_REG_SZ, nullptr,
+                                       helpDirectory, &size) == ERROR_SUCCESS;
+    RegisterTypeLib(library.Get(), file.GetBSTR(), haveHelp ? helpDirectory : nullptr);
+}
+
 // FdtEnlist with this module's class id and path.
 HRESULT RegisterFdtModule(BOOL registerModule)
 {
@@ -123,5 +147,6 @@ HRESULT CInstanceDataModule::UnregisterServer()
             if (entry->pfnUpdateRegistry)
                 entry->pfnUpdateRegistry(FALSE);
     UnregisterModuleTypeLib(m_hInst);
+    RenewFdtLibraryRegistration();
     return RegisterFdtModule(FALSE);
 }

@@ -19,7 +19,7 @@ inline std::vector<std::string> Sorted(std::vector<std::string> lines)
 // "name|value=S:text", "|value=D:123", "|value=B:00ff". A string keeps its
 // terminating zero and a number is four bytes; anything else shows as hex,
 // so that a wrong size fails the comparison.
-inline void DumpKey(HKEY key, const std::string& name, std::vector<std::string>& lines)
+inline void DumpKey(HKEY key, const std::string& name, std::vector<std::string>& lines, REGSAM view = 0)
 {
     lines.push_back(name);
     char valueName[256], child[256];
@@ -44,23 +44,24 @@ inline void DumpKey(HKEY key, const std::string& name, std::vector<std::string>&
          ++i, length = sizeof child)
     {
         HKEY sub = nullptr;
-        if (RegOpenKeyExA(key, child, 0, KEY_READ, &sub) != ERROR_SUCCESS)
+        if (RegOpenKeyExA(key, child, 0, KEY_READ | view, &sub) != ERROR_SUCCESS)
             continue;
-        DumpKey(sub, name.empty() ? child : name + "\\" + child, lines);
+        DumpKey(sub, name.empty() ? child : name + "\\" + child, lines, view);
         RegCloseKey(sub);
     }
 }
 
 // Every key and value under root\path, one line each, sorted and named
 // relative to path ("" is the key itself, "Sub\Inner" a subkey). Empty when
-// the key does not exist.
-inline std::vector<std::string> Dump(HKEY root, const std::string& path)
+// the key does not exist. view: KEY_WOW64_32KEY or KEY_WOW64_64KEY, or 0 for
+// the program's own.
+inline std::vector<std::string> Dump(HKEY root, const std::string& path, REGSAM view = 0)
 {
     std::vector<std::string> lines;
     HKEY key = nullptr;
-    if (RegOpenKeyExA(root, path.c_str(), 0, KEY_READ, &key) != ERROR_SUCCESS)
+    if (RegOpenKeyExA(root, path.c_str(), 0, KEY_READ | view, &key) != ERROR_SUCCESS)
         return lines;
-    DumpKey(key, "", lines);
+    DumpKey(key, "", lines, view);
     RegCloseKey(key);
     return Sorted(lines);
 }
@@ -80,6 +81,14 @@ inline std::string ReadString(HKEY root, const std::string& path, const char* na
     char value[1024];
     DWORD size = sizeof value;
     return RegGetValueA(root, path.c_str(), name, RRF_RT_REG_SZ, nullptr, value, &size) == ERROR_SUCCESS ? value : "";
+}
+
+// Creates the key if needed; the caller closes it (a null key is ignored).
+inline HKEY CreateKey(HKEY root, const std::string& path)
+{
+    HKEY key = nullptr;
+    RegCreateKeyExA(root, path.c_str(), 0, nullptr, 0, KEY_WRITE, nullptr, &key, nullptr);
+    return key;
 }
 
 // Creates the key if needed and sets a string value on it.

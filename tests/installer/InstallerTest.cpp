@@ -1,0 +1,133 @@
+// The installer package under msiexec, in a Wine prefix of its own where the
+// FDT installation (its stand-ins) is in place: a quiet install registers the
+// module so that a client creates the class by its programmatic identifier;
+// the uninstall leaves the registry and Program Files as they were.
+#include <gtest/gtest.h>
+#include <ole2.h>
+#include <msi.h>
+#include "ChildProcess.h"
+#include "RegistrySnapshot.h"
+
+using namespace registry_snapshot;
+
+namespace
+{
+// The module's keys, and the product registration of the installer service.
+std::vector<std::string> InstalledKeys()
+{
+    std::vector<std::string> keys = kModuleKeys;
+    keys.push_back("HKCR\\Installer");
+    return keys;
+}
+const wchar_t kInstalledFiles[][20] = {L"InstanceData.dll", L"Pivka.dll", L"InstanceData.tlb"};
+
+std::wstring ProgramFiles(const wchar_t* folder)
+{
+    wchar_t path[MAX_PATH];
+    const DWORD length = GetEnvironmentVariableW(L"ProgramFiles", path, MAX_PATH);
+    return std::wstring(path, length) + L"\\" + folder;
+}
+
+const std::wstring kInstallFolder = ProgramFiles(L"Korvo VQ InstanceData");
+const std::wstring kFdtFolder = ProgramFiles(L"Korvo FDT");
+
+std::wstring Package()
+{
+    return child_process::ProgramDirectory() + (sizeof(void*) == 8 ? L"InstanceData-x86_64.msi" : L"InstanceData-i686.msi");
+}
+
+// msiexec <action> [the package] /qn
+DWORD Msiexec(const wchar_t* action, bool package = true)
+{
+    return child_process::Run(child_process::SystemProgram(L"msiexec.exe") + L" " + action +
+                              (package ? L" \"" + Package() + L"\"" : L"") + L" /qn");
+}
+
+bool Exists(const std::wstring& path)
+{
+    return GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES;
+}
+
+// The FDT installation: its registration component and interface library in
+// a folder of their own, and FdtEnlist on the program search path of every
+// process started from now on (msiexec and the regsvr32 it runs).
+void InstallFdtStandIns()
+{
+    CreateModuleList();
+    // Keys the installer service keeps once any product was installed.
+    for (const char* key : {"Installer\\Features", "Installer\\Products", "Installer\\UpgradeCodes"})
+        RegCloseKey(registry_dump::CreateKey(HKEY_CLASSES_ROOT, key));
+    const std::wstring build = child_process::ProgramDirectory();
+    CreateDirectoryW(kFdtFolder.c_str(), nullptr);
+    for (const wchar_t* file : {L"FdtEnlist.exe", L"FdtRegisterComp.dll", L"FdtInterfaces.tlb"})
+        CopyFileW((build + file).c_str(), (kFdtFolder + L"\\" + file).c_str(), FALSE);
+    ITypeLib* library = nullptr;
+    if (SUCCEEDED(LoadTypeLibEx((kFdtFolder + L"\\FdtInterfaces.tlb").c_str(), REGKIND_REGISTER, &library)))
+        library->Release();
+    child_process::Run(child_process::SystemProgram(L"regsvr32.exe") + L" /s \"" + kFdtFolder +
+                       L"\\FdtRegisterComp.dll\"");
+    wchar_t path[32768];
+    const DWORD length = GetEnvironmentVariableW(L"PATH", path, 32768);
+    SetEnvironmentVariableW(L"PATH", (std::wstring(path, length) + L";" + kFdtFolder).c_str());
+}
+
+class Installer : public testing::Test
+{
+protected:
+    // A run that stopped half-way, of this build or an earlier one (each
+    // build is a product of its own), leaves nothing for this one.
+    void SetUp() override
+    {
+        wchar_t product[39], name[256];
+        for (DWORD index = 0; MsiEnumProductsW(index, product) == ERROR_SUCCESS; ++index)
+        {
+            DWORD length = 256;
+            if (MsiGetProductInfoW(product, INSTALLPROPERTY_PRODUCTNAME, name, &length) == ERROR_SUCCESS &&
+                std::wstring(name) == L"Korvo VQ InstanceData")
+            {
+                ASSERT_EQ(0u, Msiexec((L"/x " + std::wstring(product)).c_str(), false));
+                index = DWORD(-1);    // the enumeration starts again
+            }
+        }
+    }
+};
+
+TEST_F(Installer, InstallRegistersTheClassAndUninstallRestoresRegistryAndFolder)
+{
+    ASSERT_TRUE(Exists(Package()));
+    ASSERT_FALSE(Exists(kInstallFolder));
+    const Snapshot before = Take();
+
+    ASSERT_EQ(0u, Msiexec(L"/i"));
+    for (const wchar_t* file : kInstalledFiles)
+        EXPECT_TRUE(Exists(kInstallFolder + L"\\" + file)) << file;
+    const std::string server = registry_dump::ReadString(
+        HKEY_CLASSES_ROOT, "CLSID\\{dccef494-6108-11d3-b23d-00c04f5124bf}\\InprocServer32", nullptr);
+    EXPECT_NE(std::string::npos, server.find("Korvo VQ InstanceData\\InstanceData.dll")) << server;
+    // FdtEnlist ran: the module is in the FDT module list with its installed path.
+    EXPECT_EQ(server, registry_dump::ReadString(HKEY_LOCAL_MACHINE,
+                                                "Software\\Korvo\\FDT\\Modules\\{DCCEF494-6108-11D3-B23D-00C04F5124BF}",
+                                                "ModulePath"));
+    EXPECT_EQ(std::vector<std::string>{}, Foreign(Difference(before, Take()), InstalledKeys()));
+    // A client creates the class by its programmatic identifier and opens a store.
+    const std::wstring store = child_process::ProgramDirectory() + L"testfiles\\installed.stg";
+    EXPECT_EQ(0u, child_process::Run(L"\"" + child_process::ProgramDirectory() + L"RegisteredClient.exe\" \"" + store +
+                                     L"\""));
+    DeleteFileW(store.c_str());
+
+    ASSERT_EQ(0u, Msiexec(L"/x"));
+    EXPECT_FALSE(Exists(kInstallFolder));
+    EXPECT_EQ(std::vector<std::string>{}, Difference(before, Take()));
+}
+}  // namespace
+
+int main(int argc, char** argv)
+{
+    testing::InitGoogleTest(&argc, argv);
+    if (FAILED(CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED)))
+        return 2;
+    InstallFdtStandIns();
+    const int result = RUN_ALL_TESTS();
+    CoUninitialize();
+    return result;
+}
