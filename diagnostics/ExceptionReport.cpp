@@ -142,6 +142,9 @@ __attribute__((noinline)) void WriteExceptionReport(const EXCEPTION_POINTERS* ex
                           CMemoryProbe::Read(AsAddress(input.ContextRecord), context);
     if (!hasInput)
     {
+        // The capture writes 16 bits of each segment register on a 32-bit
+        // machine, and a failed read may have left part of a context.
+        ZeroMemory(&context, sizeof context);
         RtlCaptureContext(&context);
         CExceptionReport::MakeSubstitute(record, context);
     }

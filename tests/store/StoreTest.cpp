@@ -161,6 +161,28 @@ TEST(Store, FailedOpenKeepsThePathOfTheLastFile)
     EXPECT_EQ(E_FAIL, open.manager->GetStorage(storage.GetAddressOf()));
 }
 
+// The store copies the path it opened; when that copy fails, the framework's
+// memory exception is thrown and caught inside the module (on i686 one that
+// crossed from the toolkit DLL would end the process instead).
+TEST(Store, OutOfMemoryGivesUnexpectedAndAFrameworkTrace)
+{
+    TempStoreFile file(L"no-memory.stg");
+    // A string whose length prefix no allocation can satisfy.
+    struct
+    {
+        DWORD bytes = 0xFFFFFFFE;
+        wchar_t text[MAX_PATH] = {};
+    } unallocatable;
+    wcsncpy(unallocatable.text, file.Path(), MAX_PATH - 1);
+    ComPtr<IInstanceDataMgr> manager;
+    ASSERT_EQ(S_OK, CreateStore().As(&manager));
+    TraceCapture trace;
+    ComPtr<IStorage> root;
+    EXPECT_EQ(E_UNEXPECTED, manager->OpenStorage(unallocatable.text, root.GetAddressOf()));
+    EXPECT_TRUE(trace.Contains(": exception 0xaa: Out of memory.")) << trace.Text();
+    ReleaseFile(manager.Get());
+}
+
 TEST(Store, ReadsTheAdministrationRecordOfAnExistingFile)
 {
     TempStoreFile file(L"existing.stg");
