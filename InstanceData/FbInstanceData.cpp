@@ -3,6 +3,7 @@
 #include "FbInstanceData.h"
 #include <wrl/client.h>
 #include <cwchar>
+#include <memory>
 #include "Common/ErrorTrace.h"
 #include "Common/StreamIo.h"
 #include "afxstub.h"
@@ -22,6 +23,9 @@ void CopyName(WCHAR (&target)[32], const WCHAR* text)
 {
     lstrcpynW(target, text ? text : L"", 32);
 }
+
+// A string of the store's own until it is handed over.
+using OwnedBstr = std::unique_ptr<OLECHAR, void(WINAPI*)(BSTR)>;
 
 // Both null, or both not null with the same characters (case-sensitive).
 bool SameBstr(BSTR left, BSTR right)
@@ -122,6 +126,10 @@ STDMETHODIMP FbInstanceData::OpenStorage(BSTR bstrPath, IStorage** ppIStorage)
     return EXCEPTION_GUARD([&]() -> HRESULT {
         if (!bstrPath || !bstrPath[0] || !ppIStorage)
             return E_POINTER;
+        // Copied first: without memory for it, the open file stays as it was.
+        OwnedBstr path(SysAllocStringLen(bstrPath, SysStringLen(bstrPath)), SysFreeString);
+        if (!path)
+            AfxThrowMemoryException();
         m_streamNameMap.Clear();
 
         if (m_bStorageOpen || m_pRootStorage)
@@ -169,11 +177,8 @@ STDMETHODIMP FbInstanceData::OpenStorage(BSTR bstrPath, IStorage** ppIStorage)
                 return GiveUpRoot(hr, __LINE__);
         }
 
-        BSTR path = SysAllocStringLen(bstrPath, SysStringLen(bstrPath));
-        if (!path)
-            AfxThrowMemoryException();
         SysFreeString(m_bstrStoragePath);
-        m_bstrStoragePath = path;
+        m_bstrStoragePath = path.release();
         m_bStorageOpen = true;
         m_pRootStorage->AddRef();
         *ppIStorage = m_pRootStorage;

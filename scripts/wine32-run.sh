@@ -10,7 +10,10 @@ export WINEDEBUG="${WINEDEBUG:--all}"
 export WINEDLLOVERRIDES="${WINEDLLOVERRIDES:-mscoree,mshtml=}"
 export QEMU_LD_PREFIX="$sysroot"
 loader="$sysroot/usr/lib/wine/wine"
-server="$sysroot/usr/lib/wine/wineserver"
+# The host's native server (the same Wine version) serves 32-bit clients too,
+# at full speed.
+export WINESERVER=/usr/lib/wine/wineserver64
+server="$WINESERVER"
 [ -x "$loader" ] || { echo "no 32-bit Wine in $sysroot: run scripts/setup-i386.sh" >&2; exit 1; }
 
 # There is no FreeType in the sysroot, on purpose (with it Wine crashes

@@ -161,26 +161,33 @@ TEST(Store, FailedOpenKeepsThePathOfTheLastFile)
     EXPECT_EQ(E_FAIL, open.manager->GetStorage(storage.GetAddressOf()));
 }
 
-// The store copies the path it opened; when that copy fails, the framework's
+// The store copies the path it opens; when that copy fails, the framework's
 // memory exception is thrown and caught inside the module (on i686 one that
-// crossed from the toolkit DLL would end the process instead).
-TEST(Store, OutOfMemoryGivesUnexpectedAndAFrameworkTrace)
+// crossed from the toolkit DLL would end the process instead), and the open
+// file stays the store's file.
+TEST(Store, OutOfMemoryGivesUnexpectedAndKeepsTheOpenFile)
 {
-    TempStoreFile file(L"no-memory.stg");
+    TempStoreFile file(L"kept-without-memory.stg"), other(L"no-memory.stg");
+    OpenStore open = OpenStore::At(file.Bstr());
+    ASSERT_TRUE(open.root);
     // A string whose length prefix no allocation can satisfy.
     struct
     {
         DWORD bytes = 0xFFFFFFFE;
         wchar_t text[MAX_PATH] = {};
     } unallocatable;
-    wcsncpy(unallocatable.text, file.Path(), MAX_PATH - 1);
-    ComPtr<IInstanceDataMgr> manager;
-    ASSERT_EQ(S_OK, CreateStore().As(&manager));
+    wcsncpy(unallocatable.text, other.Path(), MAX_PATH - 1);
     TraceCapture trace;
     ComPtr<IStorage> root;
-    EXPECT_EQ(E_UNEXPECTED, manager->OpenStorage(unallocatable.text, root.GetAddressOf()));
+    EXPECT_EQ(E_UNEXPECTED, open.manager->OpenStorage(unallocatable.text, root.GetAddressOf()));
     EXPECT_TRUE(trace.Contains(": exception 0xaa: Out of memory.")) << trace.Text();
-    ReleaseFile(manager.Get());
+    EXPECT_EQ(INVALID_FILE_ATTRIBUTES, GetFileAttributesW(other.Path()));
+    BSTR path = nullptr;
+    ASSERT_EQ(S_OK, open.manager->GetStoragePath(&path));
+    EXPECT_STREQ(file.Path(), path);
+    SysFreeString(path);
+    EXPECT_EQ(S_OK, open.manager->GetStorage(root.GetAddressOf()));
+    EXPECT_EQ(open.root.Get(), root.Get());
 }
 
 TEST(Store, ReadsTheAdministrationRecordOfAnExistingFile)
