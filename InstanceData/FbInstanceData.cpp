@@ -118,6 +118,8 @@ STDMETHODIMP FbInstanceData::OpenStorage(BSTR bstrPath, IStorage** ppIStorage)
     return STORE_OPERATION([&]() -> HRESULT {
         if (!bstrPath || !bstrPath[0] || !ppIStorage)
             return E_POINTER;
+        // Copied first: without memory for it, the open file stays as it was.
+        _bstr_t path(bstrPath, true);
         if (StorageReady() && SameBstr(bstrPath, m_bstrStoragePath))
         {
             m_pRootStorage->AddRef();
@@ -183,7 +185,6 @@ STDMETHODIMP FbInstanceData::OpenStorage(BSTR bstrPath, IStorage** ppIStorage)
             }
         }
 
-        _bstr_t path(bstrPath, true);
         // From here nothing can fail or throw.
         m_admin = admin;
         SysFreeString(m_bstrStoragePath);

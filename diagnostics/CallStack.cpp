@@ -69,6 +69,13 @@ void CCallStack::WriteFunction(DWORD64 address)
         m_writer.Write("%s+%I64X", buffer.symbol.Name, displacement);
         return;
     }
+    // A call that does not return can be a function's last instruction: its
+    // return address is then just past the function's end.
+    if (SymFromAddr(m_process, address - 1, &displacement, &buffer.symbol))
+    {
+        m_writer.Write("%s+%I64X", buffer.symbol.Name, displacement + 1);
+        return;
+    }
     char path[MAX_PATH] = "";
     DWORD section = 0;
     DWORD64 offset = 0;

@@ -2,6 +2,7 @@
 #include "diagnostics/ExceptionReport.h"
 #include <dbghelp.h>
 #include "diagnostics/CallStack.h"
+#include "diagnostics/ContextCapture.h"
 #include "diagnostics/ExceptionNames.h"
 #include "diagnostics/FaultGuard.h"
 #include "diagnostics/LogicalAddress.h"
@@ -47,7 +48,8 @@ void CExceptionReport::MakeSubstitute(EXCEPTION_RECORD& record, CONTEXT& context
     }
     context.Rip = ReportFunctionAddress();
 #else
-    // The frame-pointer walk starts from the report function's own frame.
+    // The frame-pointer walk starts from the report function's own frame,
+    // which the capture recorded.
     context.Eip = static_cast<DWORD>(ReportFunctionAddress());
 #endif
 }
@@ -142,7 +144,9 @@ __attribute__((noinline)) void WriteExceptionReport(const EXCEPTION_POINTERS* ex
                           CMemoryProbe::Read(AsAddress(input.ContextRecord), context);
     if (!hasInput)
     {
-        RtlCaptureContext(&context);
+        // A failed read may have left part of a context behind.
+        ZeroMemory(&context, sizeof context);
+        CAPTURE_CONTEXT(&context);
         CExceptionReport::MakeSubstitute(record, context);
     }
     // Outside the guarded part, so that a fault still cleans the handler up.

@@ -1,5 +1,6 @@
 // Resumable fault guard on a vectored exception handler.
 #include "diagnostics/FaultGuard.h"
+#include "diagnostics/ContextCapture.h"
 
 namespace
 {
@@ -13,6 +14,7 @@ struct GuardFrame
 
 // The innermost guard; a report runs on one thread at a time.
 GuardFrame* volatile g_innermost = nullptr;
+
 
 LONG CALLBACK ResumeAfterFault(EXCEPTION_POINTERS* info)
 {
@@ -80,7 +82,7 @@ __attribute__((noinline)) bool CFaultGuard::Run(void (*body)(void* context), voi
     frame.faulted = 0;
     frame.threadId = GetCurrentThreadId();
     frame.outer = g_innermost;
-    RtlCaptureContext(&frame.resume);
+    CAPTURE_CONTEXT(&frame.resume);
     if (frame.faulted)
     {
         g_innermost = frame.outer;

@@ -233,7 +233,12 @@ void CSymbolDumper::DumpRootSymbol(const SYMBOL_INFO& symbol, DWORD64 framePoint
     if (symbol.Flags & SYMFLAG_VALUEPRESENT)
         address = ConstantAddress(symbol);
     else if (symbol.Flags & SYMFLAG_REGREL)
-        address += symbol.Register == kStackPointerRegister ? stackPointer : framePointer;
+    {
+        // A negative offset comes as an unsigned number of the machine's
+        // width (32 bits on i386): the sum wraps at the width of a pointer.
+        const DWORD64 base = symbol.Register == kStackPointerRegister ? stackPointer : framePointer;
+        address = static_cast<ULONG_PTR>(address + base);
+    }
     else if (symbol.Flags & SYMFLAG_REGISTER)
         address = 0;
     DumpNode root = NewNode(nullptr, address, symbol.TypeIndex);

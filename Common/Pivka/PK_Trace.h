@@ -17,6 +17,7 @@ public:
     };
 
     // Receives each entry as written (already formatted, line ends kept).
+    // It must not throw: no exception may cross into this DLL.
     typedef void (*Listener)(void* context, DWORD level, const char* text);
 
     CPkTrace();
@@ -29,12 +30,14 @@ public:
     static HRESULT TraceHr(DWORD level, HRESULT hr, const char* file, int line);
 
     // The system's message text for hr (default language, trailing line end
-    // removed) into buffer; returns its length, 0 when the system has none.
+    // removed), cut to fit into buffer; returns the length written, 0 when
+    // the system has none.
     static int SystemMessage(HRESULT hr, char* buffer, int size);
 
     static void SetMask(DWORD mask);
     static DWORD GetMask();
-    static void AddListener(Listener listener, void* context);
+    // FALSE when there is no memory for it.
+    static BOOL AddListener(Listener listener, void* context);
     static void RemoveListener(Listener listener, void* context);
 
     // Crash report framing: a report is announced, written piece by piece,

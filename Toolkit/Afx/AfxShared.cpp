@@ -46,11 +46,6 @@ BOOL CSimpleException::GetErrorMessage(char* buffer, UINT size, UINT* helpContex
     return TRUE;
 }
 
-void AfxThrowMemoryException()
-{
-    throw new CMemoryException;
-}
-
 namespace
 {
 AFX_MODULE_STATE g_processState;   // current where no module made its own current

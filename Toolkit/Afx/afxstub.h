@@ -36,7 +36,13 @@ private:
     char m_message[256];
 };
 
-[[noreturn]] PIVKA_API void AfxThrowMemoryException();
+// Inline, so that the throw happens in the module that catches it: on i686
+// each DLL has its own unwinder, and no exception may leave the DLL it was
+// thrown in.
+[[noreturn]] inline void AfxThrowMemoryException()
+{
+    throw new CMemoryException;
+}
 
 class CWinApp;
 

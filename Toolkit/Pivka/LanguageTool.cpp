@@ -1,5 +1,6 @@
 // Registry of base modules for language resource modules.
 #include "PK_LanguageTool.h"
+#include <new>
 #include <vector>
 
 namespace
@@ -20,7 +21,9 @@ struct Modules
 
 Modules& Registry()
 {
-    static Modules* modules = new Modules;
+    // Never freed, so that no destructor races a late call; allocates nothing.
+    alignas(Modules) static char storage[sizeof(Modules)];
+    static Modules* modules = new (storage) Modules;
     return *modules;
 }
 }  // namespace
@@ -35,8 +38,16 @@ BOOL CLanguageTool::AddBaseModule(HMODULE module, ModuleCallback onLoad, ModuleC
     for (const BaseModule& entry : modules.list)
         if (entry.module == module)
             added = FALSE;
-    if (added)
-        modules.list.push_back({module, onLoad, onUnload});
+    // Failures are return values: nothing may throw out of this DLL.
+    try
+    {
+        if (added)
+            modules.list.push_back({module, onLoad, onUnload});
+    }
+    catch (const std::bad_alloc&)
+    {
+        added = FALSE;
+    }
     LeaveCriticalSection(&modules.lock);
     if (added && onLoad)
         onLoad(module);

@@ -3,6 +3,8 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
+#include <new>
 #include <vector>
 
 namespace
@@ -13,7 +15,9 @@ struct ListenerEntry
     void* context;
 };
 
-// Lives for the whole process; a pointer so that no destructor races a late trace.
+// Lives for the whole process, never destroyed, so that no destructor races
+// a late trace. Nothing here may throw out of this DLL: a failed allocation
+// loses the entry.
 struct TraceState
 {
     CRITICAL_SECTION lock;
@@ -24,7 +28,8 @@ struct TraceState
 
 TraceState& State()
 {
-    static TraceState* state = new TraceState;
+    alignas(TraceState) static char storage[sizeof(TraceState)];
+    static TraceState* state = new (storage) TraceState;
     return *state;
 }
 
@@ -56,9 +61,15 @@ void Emit(DWORD level, const char* text)
     OutputDebugStringA(text);
     WriteToFile(text);
     // A copy, so that a listener may remove itself.
-    const std::vector<ListenerEntry> listeners = State().listeners;
-    for (const ListenerEntry& entry : listeners)
-        entry.listener(entry.context, level, text);
+    try
+    {
+        const std::vector<ListenerEntry> listeners = State().listeners;
+        for (const ListenerEntry& entry : listeners)
+            entry.listener(entry.context, level, text);
+    }
+    catch (const std::bad_alloc&)
+    {
+    }
 }
 }  // namespace
 
@@ -69,32 +80,48 @@ CPkTrace::~CPkTrace() {}
 
 void CPkTrace::Trace(DWORD level, const char* format, ...)
 {
-    std::vector<char> buffer(1024);
-    for (;;)
+    try
     {
-        va_list args;
-        va_start(args, format);
-        const int written = vsnprintf(buffer.data(), buffer.size(), format, args);
-        va_end(args);
-        if (written < 0)
-            return;
-        if (static_cast<size_t>(written) < buffer.size() || buffer.size() >= 65536)
-            break;
-        buffer.resize(written + 1 < 65536 ? written + 1 : 65536);
+        std::vector<char> buffer(1024);
+        for (;;)
+        {
+            va_list args;
+            va_start(args, format);
+            const int written = vsnprintf(buffer.data(), buffer.size(), format, args);
+            va_end(args);
+            if (written < 0)
+                return;
+            if (static_cast<size_t>(written) < buffer.size() || buffer.size() >= 65536)
+                break;
+            buffer.resize(written + 1 < 65536 ? written + 1 : 65536);
+        }
+        Emit(level, buffer.data());
     }
-    Emit(level, buffer.data());
+    catch (const std::bad_alloc&)
+    {
+    }
 }
 
 int CPkTrace::SystemMessage(HRESULT hr, char* buffer, int size)
 {
     if (!buffer || size <= 0)
         return 0;
-    DWORD length = FormatMessageA(FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS, nullptr,
-                                  static_cast<DWORD>(hr), MAKELANGID(LANG_NEUTRAL, SUBLANG_DEFAULT),
-                                  buffer, static_cast<DWORD>(size), nullptr);
-    while (length > 0 && (buffer[length - 1] == '\n' || buffer[length - 1] == '\r' || buffer[length - 1] == ' '))
+    buffer[0] = '\0';
+    // The whole message first: formatting into a buffer too small for it fails.
+    char* message = nullptr;
+    DWORD length = FormatMessageA(FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_FROM_SYSTEM |
+                                      FORMAT_MESSAGE_IGNORE_INSERTS,
+                                  nullptr, static_cast<DWORD>(hr), MAKELANGID(LANG_NEUTRAL, SUBLANG_DEFAULT),
+                                  reinterpret_cast<char*>(&message), 0, nullptr);
+    if (!message)
+        return 0;
+    while (length > 0 && (message[length - 1] == '\n' || message[length - 1] == '\r' || message[length - 1] == ' '))
         --length;
-    buffer[length < static_cast<DWORD>(size) ? length : size - 1] = '\0';
+    if (length >= static_cast<DWORD>(size))
+        length = static_cast<DWORD>(size - 1);
+    memcpy(buffer, message, length);
+    buffer[length] = '\0';
+    LocalFree(message);
     return static_cast<int>(length);
 }
 
@@ -119,10 +146,18 @@ DWORD CPkTrace::GetMask()
     return State().mask;
 }
 
-void CPkTrace::AddListener(Listener listener, void* context)
+BOOL CPkTrace::AddListener(Listener listener, void* context)
 {
     Locked guard;
-    State().listeners.push_back({listener, context});
+    try
+    {
+        State().listeners.push_back({listener, context});
+        return TRUE;
+    }
+    catch (const std::bad_alloc&)
+    {
+        return FALSE;
+    }
 }
 
 void CPkTrace::RemoveListener(Listener listener, void* context)

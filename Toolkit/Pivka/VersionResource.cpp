@@ -1,7 +1,8 @@
 // Version resource reader.
 #include "PK_VersionResource.h"
 #include <cstdio>
-#include <vector>
+#include <memory>
+#include <new>
 
 CVersionResource::CVersionResource()
 {
@@ -12,13 +13,13 @@ CVersionResource::~CVersionResource() {}
 
 namespace
 {
-void CopyString(const std::vector<char>& data, const char* key, const char* translation, char* out, size_t size)
+void CopyString(const char* data, const char* key, const char* translation, char* out, size_t size)
 {
     char query[128];
     snprintf(query, sizeof query, "\\StringFileInfo\\%s\\%s", translation, key);
     char* value = nullptr;
     UINT length = 0;
-    if (VerQueryValueA(data.data(), query, reinterpret_cast<void**>(&value), &length) && value && length)
+    if (VerQueryValueA(data, query, reinterpret_cast<void**>(&value), &length) && value && length)
         lstrcpynA(out, value, static_cast<int>(size));
 }
 }  // namespace
@@ -34,13 +35,14 @@ BOOL CVersionResource::InitFromModuleHandle(HMODULE module)
     const DWORD size = GetFileVersionInfoSizeA(path, &handle);
     if (size == 0)
         return FALSE;
-    std::vector<char> data(size);
-    if (!GetFileVersionInfoA(path, 0, size, data.data()))
+    // Failures are return values: nothing may throw out of this DLL.
+    const std::unique_ptr<char[]> data(new (std::nothrow) char[size]);
+    if (!data || !GetFileVersionInfoA(path, 0, size, data.get()))
         return FALSE;
 
     VS_FIXEDFILEINFO* fixed = nullptr;
     UINT fixedLength = 0;
-    if (VerQueryValueA(data.data(), "\\", reinterpret_cast<void**>(&fixed), &fixedLength) && fixed)
+    if (VerQueryValueA(data.get(), "\\", reinterpret_cast<void**>(&fixed), &fixedLength) && fixed)
     {
         m_fixedMS = fixed->dwFileVersionMS;
         m_fixedLS = fixed->dwFileVersionLS;
@@ -49,11 +51,11 @@ BOOL CVersionResource::InitFromModuleHandle(HMODULE module)
     struct Translation { WORD language; WORD codePage; }* translations = nullptr;
     UINT translationLength = 0;
     char key[16] = "040904b0";
-    if (VerQueryValueA(data.data(), "\\VarFileInfo\\Translation", reinterpret_cast<void**>(&translations),
+    if (VerQueryValueA(data.get(), "\\VarFileInfo\\Translation", reinterpret_cast<void**>(&translations),
                        &translationLength) && translations && translationLength >= sizeof *translations)
         snprintf(key, sizeof key, "%04x%04x", translations->language, translations->codePage);
-    CopyString(data, "CompanyName", key, m_company, sizeof m_company);
-    CopyString(data, "BuildTime", key, m_buildTime, sizeof m_buildTime);
+    CopyString(data.get(), "CompanyName", key, m_company, sizeof m_company);
+    CopyString(data.get(), "BuildTime", key, m_buildTime, sizeof m_buildTime);
     return TRUE;
 }
 

@@ -14,6 +14,7 @@
 #include "PK_Trace.h"
 #include "TestMessages.h"
 #include "TestSupport.h"
+#include "diagnostics/ContextCapture.h"
 #include "diagnostics/ExceptionNames.h"
 #include "diagnostics/ExceptionReport.h"
 #include "diagnostics/FaultGuard.h"
@@ -221,7 +222,7 @@ DWORD64 InstructionPointer(const CONTEXT& context) { return context.Eip; }
 __attribute__((noinline)) std::string ReportRaisedHere(DWORD code, CONTEXT& context)
 {
     TraceCapture trace;
-    RtlCaptureContext(&context);
+    CAPTURE_CONTEXT(&context);
     EXCEPTION_RECORD record = {};
     record.ExceptionCode = code;
     record.ExceptionAddress = reinterpret_cast<void*>(static_cast<ULONG_PTR>(InstructionPointer(context)));
@@ -255,7 +256,7 @@ TEST(ExceptionReport, ExceptionInputGivesItsCodeFaultRegistersAndFirstFrame)
                                                          Address(ip) + "\n")));
         // Both walks start in the raising function.
         EXPECT_EQ(2u, Occurrences(report, "SourceFile\n" + Address(ip) + "  "));
-        EXPECT_NE(std::string::npos, report.find("  ReportRaisedHere+"));
+        EXPECT_NE(std::string::npos, report.find("  ReportRaisedHere+")) << report;
     }
 }
 
@@ -275,7 +276,7 @@ TEST(ExceptionReport, WithoutReadableInputTheSubstituteStartsInTheReportFunction
         EXPECT_TRUE(std::regex_search(report.substr(report.find("\nRegisters:"), 800),
                                       std::regex("\nCS:[ER]IP:[0-9A-F]{4}:" + start + "\n")));
         // The report function at its start, then its caller; the second walk starts there too.
-        EXPECT_TRUE(std::regex_search(report.substr(report.find("SourceFile\n"), 400), firstFrames));
+        EXPECT_TRUE(std::regex_search(report.substr(report.find("SourceFile\n"), 400), firstFrames)) << report;
         EXPECT_EQ(2u, Occurrences(report, "SourceFile\n" + start + "  "));
     }
 }

@@ -1,4 +1,6 @@
 // The module as a host sees it: class object, shared store object, lock count.
+#include <cstring>
+#include "PK_Trace.h"
 #include "TestSupport.h"
 
 TEST(Module, ClassObjectHandsOutOneSharedStore)
@@ -59,4 +61,20 @@ TEST(Module, LockServerKeepsTheModuleLoaded)
     ASSERT_EQ(S_OK, factory->LockServer(FALSE));
     factory.Reset();
     EXPECT_EQ(S_OK, ServerModule::CanUnloadNow());
+}
+
+// The whole system text is formatted, then cut to the caller's buffer: a
+// buffer shorter than the text still gets its start.
+TEST(Trace, SystemMessageIsCutToFitTheBuffer)
+{
+    const std::pair<int, const char*> cases[] = {
+        {1, ""}, {8, "Access "}, {14, "Access denied"}, {15, "Access denied."}, {128, "Access denied."}};
+    for (const auto& c : cases)
+    {
+        char buffer[128];
+        memset(buffer, 'x', sizeof buffer);
+        EXPECT_EQ(static_cast<int>(strlen(c.second)), CPkTrace::SystemMessage(E_ACCESSDENIED, buffer, c.first))
+            << c.first;
+        EXPECT_STREQ(c.second, buffer) << c.first;
+    }
 }

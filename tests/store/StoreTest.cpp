@@ -134,6 +134,28 @@ TEST_F(StoreFile, FailedOpenKeepsThePathOfTheLastFile)
     EXPECT_EQ(E_FAIL, Manager()->GetStorage(storage.GetAddressOf()));
 }
 
+// When the copy of the path fails, the framework's memory exception is thrown
+// and caught inside the module (on i686 one that crossed from the toolkit DLL
+// would end the process instead), and the open file stays the store's file.
+TEST_F(StoreFile, OutOfMemoryGivesUnexpectedAndKeepsTheOpenFile)
+{
+    const std::wstring other = std::wstring(Path()) + L".other";
+    // A string whose length prefix no allocation can satisfy.
+    struct
+    {
+        DWORD bytes = 0xFFFFFFFE;
+        wchar_t text[MAX_PATH] = {};
+    } unallocatable;
+    wcsncpy(unallocatable.text, other.c_str(), MAX_PATH - 1);
+    TraceCapture trace;
+    ComPtr<IStorage> root;
+    EXPECT_EQ(E_UNEXPECTED, Manager()->OpenStorage(unallocatable.text, root.GetAddressOf()));
+    EXPECT_TRUE(trace.Contains(": exception 0xaa: Out of memory.")) << trace.Text();
+    EXPECT_EQ(INVALID_FILE_ATTRIBUTES, GetFileAttributesW(other.c_str()));
+    EXPECT_EQ(std::wstring(Path()), StoragePath(Manager()));
+    EXPECT_EQ(S_OK, Manager()->GetStorage(root.GetAddressOf()));
+}
+
 TEST_F(StoreFile, ReadsTheAdministrationRecordOfAnExistingFile)
 {
     GiveUp();
