@@ -192,6 +192,7 @@ HRESULT FbInstanceData::GiveUpRoot(HRESULT hr, int line)
 
 STDMETHODIMP FbInstanceData::GetStorage(IStorage** ppIStorage)
 {
+    STORE_LOCK();
     return EXCEPTION_GUARD([&]() -> HRESULT {
         if (!ppIStorage)
             return E_POINTER;
@@ -206,6 +207,7 @@ STDMETHODIMP FbInstanceData::GetStorage(IStorage** ppIStorage)
 
 STDMETHODIMP FbInstanceData::GetStoragePath(BSTR* pbstrPath)
 {
+    STORE_LOCK();
     return EXCEPTION_GUARD([&]() -> HRESULT {
         if (!pbstrPath)
             return TraceErrorLine(THIS_FILE, __LINE__, E_POINTER);

@@ -11,12 +11,20 @@
 #include "DispatchImpl.h"
 #include "afxstub.h"
 #include "PK_ComVector.h"
+#include "StoreLock.h"
 
 class StreamReader;
 class StreamWriter;
 
-// Makes the module's own state current for the rest of an interface operation.
-#define STORE_ENTRY() AFX_MANAGE_STATE(AfxGetStaticModuleState())
+// Holds the store's working state for the calling thread for the rest of an
+// interface operation (every apartment of the process shares the store).
+#define STORE_LOCK() StoreLock storeLock_
+
+// Makes the module's own state current for the rest of an interface
+// operation, and holds the store.
+#define STORE_ENTRY()                            \
+    AFX_MANAGE_STATE(AfxGetStaticModuleState()); \
+    STORE_LOCK()
 
 // IInstanceDataMgr is described by the module's own library INSTANCEDATALib.
 template <>

@@ -329,6 +329,7 @@ STDMETHODIMP FbInstanceData::ReadIdentification(IFdtContext*, BSTR InstanceID, I
 // would make the file unusable.
 STDMETHODIMP FbInstanceData::Delete(IFdtContext*, BSTR InstanceID)
 {
+    STORE_LOCK();
     return EXCEPTION_GUARD([&]() -> HRESULT {
         RETURN_IF_NULL(StorageReady(), E_UNEXPECTED);
         WCHAR name[32];
