@@ -3,8 +3,9 @@
 #include "FbInstanceData.h"
 #include <wrl/client.h>
 #include <cwchar>
+#include <string>
 #include "Common/ErrorTrace.h"
-#include "Common/StreamIo.h"
+#include "Common/ByteStream.h"
 #include "afxstub.h"
 
 using Microsoft::WRL::ComPtr;
@@ -13,16 +14,8 @@ static const char THIS_FILE[] = "InstanceData/FbInstanceData";
 
 const WCHAR kInstanceDataDescriptorName[] = L"DVL/QTS-WMR-VQ_INSTANCEDATA";
 
-static_assert(sizeof(AdminRecord) == 8, "the administration stream is exactly 8 bytes");
-
 namespace
 {
-// Copies at most 31 characters of text (null reads as empty) into a 32-unit buffer.
-void CopyName(WCHAR (&target)[32], const WCHAR* text)
-{
-    lstrcpynW(target, text ? text : L"", 32);
-}
-
 // Both null, or both not null with the same characters (case-sensitive).
 bool SameBstr(BSTR left, BSTR right)
 {
@@ -32,51 +25,54 @@ bool SameBstr(BSTR left, BSTR right)
     return length == SysStringLen(right) && wmemcmp(left, right, length) == 0;
 }
 
-bool SameText(const WCHAR* left, const WCHAR* right)
-{
-    return wcscmp(left ? left : L"", right ? right : L"") == 0;
-}
-}  // namespace
+// Why a file could not be opened as a storage: it is not there (a new one is
+// made), it is held or guarded (the open fails and nothing is touched), or
+// its bytes are not a readable compound file (it is kept aside first).
+enum class OpenFailure { Missing, Held, Unreadable };
 
-bool ElementNameLess::operator()(const _bstr_t& left, const _bstr_t& right) const
+OpenFailure KindOf(HRESULT hr)
 {
-    const WCHAR* a = left;
-    const WCHAR* b = right;
-    if (!a || !b)
-        return !a && b;
-    for (;; ++a, ++b)
+    switch (hr)
     {
-        const unsigned ua = static_cast<unsigned short>(*a), ub = static_cast<unsigned short>(*b);
-        if (ua != ub)
-            return ua < ub;
-        if (ua == 0)
-            return false;
+    case STG_E_FILENOTFOUND:
+    case STG_E_PATHNOTFOUND:
+        return OpenFailure::Missing;
+    case STG_E_SHAREVIOLATION:
+    case STG_E_LOCKVIOLATION:
+    case STG_E_ACCESSDENIED:
+    case STG_E_INSUFFICIENTMEMORY:
+    case STG_E_TOOMANYOPENFILES:
+    case E_OUTOFMEMORY:
+        return OpenFailure::Held;
+    default:
+        return OpenFailure::Unreadable;
     }
 }
 
-void InstanceRecord::Reset()
+// Moves the file at path to "<path>.unreadable", or "<path>.unreadable.<n>"
+// with the first n not taken; an existing file is never replaced.
+HRESULT KeepAside(BSTR path, std::wstring& keptAt)
 {
-    lockCount = 0;
-    bstrSuperInstanceId = _bstr_t();
-    bstrSuperParameterName = _bstr_t();
-    subInstances.clear();
+    for (unsigned n = 0; n < 10000; ++n)
+    {
+        keptAt = std::wstring(path) + L".unreadable";
+        if (n)
+            keptAt += L"." + std::to_wstring(n);
+        if (MoveFileExW(path, keptAt.c_str(), 0))
+            return S_OK;
+        const DWORD error = GetLastError();
+        if (error != ERROR_ALREADY_EXISTS && error != ERROR_FILE_EXISTS)
+            return HRESULT_FROM_WIN32(error);
+    }
+    return HRESULT_FROM_WIN32(ERROR_FILE_EXISTS);
 }
-
-void StreamNameMapRecord::Clear()
-{
-    nextStreamNumber = 0;
-    szInstanceId[0] = L'\0';
-    entries.clear();
-}
+}  // namespace
 
 FbInstanceData::FbInstanceData() {}
 
 FbInstanceData::~FbInstanceData()
 {
-    if (m_bStorageOpen && m_pRootStorage)
-        m_pRootStorage->Release();
-    if (m_pInstanceStorage)
-        m_pInstanceStorage->Release();
+    CloseStorage();
     SysFreeString(m_bstrStoragePath);
 }
 
@@ -119,61 +115,80 @@ STDMETHODIMP FbInstanceData::InterfaceSupportsErrorInfo(REFIID iid)
 STDMETHODIMP FbInstanceData::OpenStorage(BSTR bstrPath, IStorage** ppIStorage)
 {
     STORE_ENTRY();
-    return EXCEPTION_GUARD([&]() -> HRESULT {
+    return STORE_OPERATION([&]() -> HRESULT {
         if (!bstrPath || !bstrPath[0] || !ppIStorage)
             return E_POINTER;
-        m_streamNameMap.Clear();
-
-        if (m_bStorageOpen || m_pRootStorage)
+        if (StorageReady() && SameBstr(bstrPath, m_bstrStoragePath))
         {
-            if (SameBstr(bstrPath, m_bstrStoragePath))
-            {
-                m_pRootStorage->AddRef();
-                *ppIStorage = m_pRootStorage;
-                return S_OK;
-            }
-            if (m_pRootStorage)
-                m_pRootStorage->Release();
-            m_pRootStorage = nullptr;
-            m_bStorageOpen = false;
+            m_pRootStorage->AddRef();
+            *ppIStorage = m_pRootStorage;
+            return S_OK;
         }
-        m_szInstanceStorageName[0] = L'\0';
+        // The old file is let go first, so that a new spelling of its path opens it again.
+        CloseStorage();
 
-        HRESULT hr = StgOpenStorage(bstrPath, nullptr, IDS_STORAGE_MODE, nullptr, 0, &m_pRootStorage);
-        if (SUCCEEDED(hr) && m_pRootStorage)
+        // The new root is taken into use only when it is complete: whatever
+        // fails or throws on the way releases it and leaves the store closed.
+        ComPtr<IStorage> root;
+        AdminRecord admin;
+        HRESULT hr = StgOpenStorage(bstrPath, nullptr, IDS_STORAGE_MODE, nullptr, 0, root.GetAddressOf());
+        if (SUCCEEDED(hr))
         {
-            hr = ReadAdmin();
+            RecordStream stream;
+            hr = root->OpenStream(L"admin", nullptr, IDS_STREAM_MODE, 0, stream.stream.GetAddressOf());
+            if (SUCCEEDED(hr))
+                hr = ReadWholeStream(stream.stream.Get(), stream.bytes);
+            if (SUCCEEDED(hr))
+            {
+                ByteReader in(stream.bytes);
+                hr = ReadAdminRecord(in, admin);
+            }
             if (FAILED(hr))
-                return GiveUpRoot(hr, __LINE__);
+            {
+                root->Revert();
+                return TraceErrorLine(THIS_FILE, __LINE__, hr);
+            }
         }
         else
         {
-            if (m_pRootStorage)
-                m_pRootStorage->Release();
-            m_pRootStorage = nullptr;
+            const OpenFailure failure = KindOf(hr);
+            if (failure == OpenFailure::Held)
+                return TraceErrorLine(THIS_FILE, __LINE__, hr);
+            if (failure == OpenFailure::Unreadable)
+            {
+                // The frame gets a new store, but the old bytes are kept: a
+                // file that cannot be kept aside is not replaced either.
+                std::wstring keptAt;
+                RETURN_IF_FAILED(KeepAside(bstrPath, keptAt));
+                g_StdPkTraceInstance.Trace(CPkTrace::LevelError,
+                                           "FbInstanceData::OpenStorage %ls is not a readable storage file: kept as %ls\n",
+                                           bstrPath, keptAt.c_str());
+            }
             g_StdPkTraceInstance.Trace(CPkTrace::LevelInfo,
                                        "FbInstanceData::OpenStorage StgOpenStorage(%ls) failed -> create new storage file\n",
                                        bstrPath);
-            hr = StgCreateDocfile(bstrPath, IDS_STORAGE_MODE | STGM_CREATE, 0, &m_pRootStorage);
-            if (FAILED(hr) || !m_pRootStorage)
-            {
-                if (m_pRootStorage)
-                    m_pRootStorage->Release();
-                m_pRootStorage = nullptr;
-                return TraceErrorLine(THIS_FILE, __LINE__, FAILED(hr) ? hr : E_FAIL);
-            }
-            m_admin.version = 1;
-            m_admin.nextInstanceNumber = 1;
-            hr = WriteAdmin();
+            RETURN_IF_FAILED(StgCreateDocfile(bstrPath, IDS_STORAGE_MODE | STGM_CREATE, 0, root.GetAddressOf()));
+            admin.version = 1;
+            admin.nextInstanceNumber = 1;
+            ByteWriter out;
+            WriteAdminRecord(out, admin);
+            RecordStream stream;
+            hr = root->CreateStream(L"admin", IDS_STREAM_MODE | STGM_CREATE, 0, 0, stream.stream.GetAddressOf());
+            if (SUCCEEDED(hr))
+                hr = stream.Save(out.Buffer(), false);
             if (FAILED(hr))
-                return GiveUpRoot(hr, __LINE__);
+            {
+                root->Revert();
+                return TraceErrorLine(THIS_FILE, __LINE__, hr);
+            }
         }
 
-        BSTR path = SysAllocStringLen(bstrPath, SysStringLen(bstrPath));
-        if (!path)
-            AfxThrowMemoryException();
+        _bstr_t path(bstrPath, true);
+        // From here nothing can fail or throw.
+        m_admin = admin;
         SysFreeString(m_bstrStoragePath);
-        m_bstrStoragePath = path;
+        m_bstrStoragePath = path.Detach();
+        m_pRootStorage = root.Detach();
         m_bStorageOpen = true;
         m_pRootStorage->AddRef();
         *ppIStorage = m_pRootStorage;
@@ -181,13 +196,17 @@ STDMETHODIMP FbInstanceData::OpenStorage(BSTR bstrPath, IStorage** ppIStorage)
     });
 }
 
-// Reverts and releases a root storage that could not be taken into use.
-HRESULT FbInstanceData::GiveUpRoot(HRESULT hr, int line)
+void FbInstanceData::CloseStorage()
 {
-    m_pRootStorage->Revert();
-    m_pRootStorage->Release();
+    m_streamNameMap.Clear();
+    m_szInstanceStorageName[0] = L'\0';
+    if (m_pInstanceStorage)
+        m_pInstanceStorage->Release();
+    m_pInstanceStorage = nullptr;
+    if (m_pRootStorage)
+        m_pRootStorage->Release();
     m_pRootStorage = nullptr;
-    return TraceErrorLine(THIS_FILE, line, hr);
+    m_bStorageOpen = false;
 }
 
 STDMETHODIMP FbInstanceData::GetStorage(IStorage** ppIStorage)
@@ -219,21 +238,51 @@ STDMETHODIMP FbInstanceData::GetStoragePath(BSTR* pbstrPath)
     });
 }
 
+// ------------------------------------------------------------ record streams
+
+HRESULT RecordStream::Save(const Bytes& record, bool commit)
+{
+    RETURN_IF_FAILED(WriteWholeStream(stream.Get(), record, bytes.size(), bytes.size()));
+    bytes = record;
+    if (commit && storage)
+        RETURN_IF_FAILED(storage->Commit(STGC_DEFAULT));
+    return S_OK;
+}
+
+HRESULT FbInstanceData::ReadRecord(BSTR instanceId, const wchar_t* name, bool create, RecordStream& record)
+{
+    record = RecordStream();
+    RETURN_IF_FAILED_QUIET(OpenInstanceStorage(instanceId, record.storage.GetAddressOf()));
+    HRESULT hr = record.storage->OpenStream(name, nullptr, IDS_STREAM_MODE, 0, record.stream.GetAddressOf());
+    if (hr == STG_E_FILENOTFOUND && create)
+        hr = record.storage->CreateStream(name, IDS_STREAM_MODE | STGM_FAILIFTHERE, 0, 0, record.stream.GetAddressOf());
+    RETURN_IF_FAILED(hr);
+    RETURN_IF_FAILED(ReadWholeStream(record.stream.Get(), record.bytes));
+    return S_OK;
+}
+
 // ----------------------------------------------- administration and storage
 
 HRESULT FbInstanceData::ReadAdmin()
 {
-    ComPtr<IStream> stream;
-    RETURN_IF_FAILED(CStreamTool::Open(m_pRootStorage, L"admin", stream.GetAddressOf(), IDS_STREAM_MODE));
-    return CStreamTool::Read(stream.Get(), &m_admin, sizeof m_admin, nullptr);
+    RETURN_IF_NULL(m_pRootStorage, E_FAIL);
+    m_adminStream = RecordStream();
+    RETURN_IF_FAILED(m_pRootStorage->OpenStream(L"admin", nullptr, IDS_STREAM_MODE, 0,
+                                                m_adminStream.stream.GetAddressOf()));
+    RETURN_IF_FAILED(ReadWholeStream(m_adminStream.stream.Get(), m_adminStream.bytes));
+    ByteReader in(m_adminStream.bytes);
+    RETURN_IF_FAILED(ReadAdminRecord(in, m_admin));
+    return S_OK;
 }
 
 HRESULT FbInstanceData::WriteAdmin()
 {
-    ComPtr<IStream> stream;
-    RETURN_IF_FAILED(CStreamTool::Open(m_pRootStorage, L"admin", stream.GetAddressOf(), IDS_STREAM_MODE));
-    RETURN_IF_FAILED(CStreamTool::SetStreamSize(stream.Get(), 0));
-    return CStreamTool::Write(stream.Get(), &m_admin, sizeof m_admin, nullptr);
+    // Written after ReadAdmin in the same operation: the stream it read is still open.
+    RETURN_IF_NULL(m_adminStream.stream, E_UNEXPECTED);
+    ByteWriter out;
+    WriteAdminRecord(out, m_admin);
+    RETURN_IF_FAILED(m_adminStream.Save(out.Buffer(), false));
+    return S_OK;
 }
 
 HRESULT FbInstanceData::OpenInstanceStorage(BSTR instanceId, IStorage** storage)
@@ -243,26 +292,21 @@ HRESULT FbInstanceData::OpenInstanceStorage(BSTR instanceId, IStorage** storage)
     // Windows refuses an element without a name; Wine would make one.
     if (!instanceId || !instanceId[0])
         return TraceErrorLine(THIS_FILE, __LINE__, STG_E_INVALIDNAME);
-    const bool cached = m_pInstanceStorage && m_szInstanceStorageName[0] && SameText(m_szInstanceStorageName, instanceId);
+    RETURN_IF_NULL(m_pRootStorage, E_FAIL);
+    WCHAR name[32];
+    CopyName(name, instanceId);
+    const bool cached = m_pInstanceStorage && m_szInstanceStorageName[0] && SameElementName(m_szInstanceStorageName, name);
     if (!cached)
     {
-        CopyName(m_szInstanceStorageName, instanceId);
+        m_szInstanceStorageName[0] = L'\0';
         if (m_pInstanceStorage)
             m_pInstanceStorage->Release();
         m_pInstanceStorage = nullptr;
         // Only Create brings an instance storage into being: an operation on an
         // identifier without instance must not leave an empty storage behind,
         // which the instance list would then show.
-        const HRESULT hr =
-            m_bCreatingInstance || !m_pRootStorage
-                ? CStreamTool::Open(m_pRootStorage, m_szInstanceStorageName, &m_pInstanceStorage, IDS_STORAGE_MODE)
-                : m_pRootStorage->OpenStorage(m_szInstanceStorageName, nullptr, IDS_STORAGE_MODE, nullptr, 0,
-                                              &m_pInstanceStorage);
-        if (FAILED(hr))
-        {
-            m_szInstanceStorageName[0] = L'\0';
-            return TraceErrorLine(THIS_FILE, __LINE__, hr);
-        }
+        RETURN_IF_FAILED(m_pRootStorage->OpenStorage(name, nullptr, IDS_STORAGE_MODE, nullptr, 0, &m_pInstanceStorage));
+        CopyName(m_szInstanceStorageName, name);
     }
     m_pInstanceStorage->AddRef();
     *storage = m_pInstanceStorage;
@@ -273,76 +317,61 @@ void FbInstanceData::ForgetInstanceStorage(BSTR instanceId)
 {
     WCHAR name[32];
     CopyName(name, instanceId);
-    if (m_szInstanceStorageName[0] && SameText(name, m_szInstanceStorageName))
+    if (m_szInstanceStorageName[0] && (!instanceId || SameElementName(name, m_szInstanceStorageName)))
     {
         m_szInstanceStorageName[0] = L'\0';
         if (m_pInstanceStorage)
             m_pInstanceStorage->Release();
         m_pInstanceStorage = nullptr;
     }
-    if (m_streamNameMap.szInstanceId[0] && SameText(name, m_streamNameMap.szInstanceId))
+    if (m_streamNameMap.szInstanceId[0] && (!instanceId || SameElementName(name, m_streamNameMap.szInstanceId)))
         m_streamNameMap.Clear();
-}
-
-HRESULT FbInstanceData::OpenInstanceStream(BSTR instanceId, const wchar_t* name, IStorage** storage, IStream** stream)
-{
-    RETURN_IF_FAILED_QUIET(OpenInstanceStorage(instanceId, storage));
-    RETURN_IF_FAILED(CStreamTool::Open(*storage, name, stream, IDS_STREAM_MODE));
-    return S_OK;
 }
 
 // -------------------------------------------------------- stream name map
 
 HRESULT FbInstanceData::ReadStreamNameMap(BSTR instanceId)
 {
-    if (m_streamNameMap.szInstanceId[0] && SameText(m_streamNameMap.szInstanceId, instanceId))
+    WCHAR name[32];
+    CopyName(name, instanceId);
+    if (m_streamNameMap.szInstanceId[0] && SameElementName(m_streamNameMap.szInstanceId, name))
         return S_OK;
     m_streamNameMap.Clear();
 
-    ComPtr<IStorage> storage;
-    ComPtr<IStream> stream;
-    RETURN_IF_FAILED_QUIET(OpenInstanceStream(instanceId, L"map", storage.GetAddressOf(), stream.GetAddressOf()));
-    StreamReader in(stream.Get());
-    DWORD version = 0;
-    RETURN_IF_FAILED(in.Read(version));
-    if (version != IDS_STREAM_VERSION)
+    RecordStream record;
+    RETURN_IF_FAILED_QUIET(ReadRecord(instanceId, L"map", false, record));
+    ByteReader in(record.bytes);
+    const HRESULT hr = ReadStreamNameMapRecord(in, m_streamNameMap);
+    if (hr == IDS_E_STREAM_VERSION)
     {
+        m_streamNameMap.Clear();
         g_StdPkTraceInstance.Trace(CPkTrace::LevelError, "FbInstanceData::ReadStreamNameMap invalid version\n");
         return E_FAIL;
     }
-    DWORD count = 0;
-    RETURN_IF_FAILED(in.Read(m_streamNameMap.nextStreamNumber));
-    RETURN_IF_FAILED(in.Read(count));
-    for (DWORD i = 0; i < count; ++i)
+    if (FAILED(hr))
     {
-        _bstr_t name;
-        StreamNameEntry entry;
-        RETURN_IF_FAILED(in.Read(name));
-        RETURN_IF_FAILED(in.Read(entry.kind));
-        RETURN_IF_FAILED(in.Read(entry.number));
-        m_streamNameMap.entries[name] = entry;
+        m_streamNameMap.Clear();
+        return TraceErrorLine(THIS_FILE, __LINE__, hr);
     }
-    CopyName(m_streamNameMap.szInstanceId, instanceId);
+    m_highestStreamNumber = 0;
+    for (const auto& entry : m_streamNameMap.entries)
+        m_highestStreamNumber = entry.second.number > m_highestStreamNumber ? entry.second.number : m_highestStreamNumber;
+    CopyName(m_streamNameMap.szInstanceId, name);
     return S_OK;
 }
 
 HRESULT FbInstanceData::WriteStreamNameMap(BSTR instanceId)
 {
+    // Only a new name changes the map, so it only grows: written over what
+    // is there without reading it first. Its commit is that of the new element.
     ComPtr<IStorage> storage;
     ComPtr<IStream> stream;
-    RETURN_IF_FAILED_QUIET(OpenInstanceStream(instanceId, L"map", storage.GetAddressOf(), stream.GetAddressOf()));
-    RETURN_IF_FAILED(CStreamTool::SetStreamSize(stream.Get(), 0));
-    StreamWriter out(stream.Get());
-    RETURN_IF_FAILED(out.Write(DWORD(IDS_STREAM_VERSION)));
-    RETURN_IF_FAILED(out.Write(m_streamNameMap.nextStreamNumber));
-    RETURN_IF_FAILED(out.Write(static_cast<DWORD>(m_streamNameMap.entries.size())));
-    for (const auto& entry : m_streamNameMap.entries)
-    {
-        RETURN_IF_FAILED(out.Write(entry.first));
-        RETURN_IF_FAILED(out.Write(entry.second.kind));
-        RETURN_IF_FAILED(out.Write(entry.second.number));
-    }
-    return storage->Commit(STGC_DEFAULT);
+    RETURN_IF_FAILED_QUIET(OpenInstanceStorage(instanceId, storage.GetAddressOf()));
+    RETURN_IF_FAILED(storage->OpenStream(L"map", nullptr, IDS_STREAM_MODE, 0, stream.GetAddressOf()));
+    ByteWriter out;
+    WriteStreamNameMapRecord(out, m_streamNameMap);
+    RETURN_IF_FAILED(WriteWholeStream(stream.Get(), out.Buffer(), 0, 0));
+    return S_OK;
 }
 
 HRESULT FbInstanceData::GetStreamName(BSTR instanceId, bool group, bool create)
@@ -357,6 +386,7 @@ HRESULT FbInstanceData::GetStreamName(BSTR instanceId, bool group, bool create)
         return E_FAIL;
     }
     _ultow(found->second.number, m_szStreamName, 10);
+    m_bElementNew = false;
     return S_OK;
 }
 
@@ -365,17 +395,39 @@ HRESULT FbInstanceData::AllocateStreamName(BSTR instanceId, bool group)
     RETURN_IF_FAILED_QUIET(ReadStreamNameMap(instanceId));
     if (m_streamNameMap.entries.count(m_bstrElementName))
         return IDS_E_NAME_EXISTS;
-    try
+    // A counter behind the numbers in use (a damaged file, or one written by
+    // another program) must not hand out a stream that holds another element:
+    // it skips past every number of the map, then past every stream that
+    // exists without an entry.
+    DWORD number = m_streamNameMap.nextStreamNumber;
+    if (!m_streamNameMap.entries.empty() && number <= m_highestStreamNumber)
+        number = m_highestStreamNumber + 1;
+    ComPtr<IStorage> storage;
+    RETURN_IF_FAILED_QUIET(OpenInstanceStorage(instanceId, storage.GetAddressOf()));
+    m_element = RecordStream();
+    m_element.storage = storage;
+    for (;; ++number)
     {
-        StreamNameEntry& entry = m_streamNameMap.entries[m_bstrElementName];
-        entry.kind = group ? ElementKindGroup : ElementKindParameter;
-        entry.number = m_streamNameMap.nextStreamNumber;
+        _ultow(number, m_szStreamName, 10);
+        const HRESULT hr = storage->CreateStream(m_szStreamName, IDS_STREAM_MODE | STGM_FAILIFTHERE, 0, 0,
+                                                 m_element.stream.ReleaseAndGetAddressOf());
+        if (hr != STG_E_FILEALREADYEXISTS)
+        {
+            RETURN_IF_FAILED(hr);
+            break;
+        }
     }
-    catch (...)
-    {
-        return E_FAIL;
-    }
-    _ultow(m_streamNameMap.nextStreamNumber, m_szStreamName, 10);
-    ++m_streamNameMap.nextStreamNumber;
+    if (number != m_streamNameMap.nextStreamNumber)
+        g_StdPkTraceInstance.Trace(CPkTrace::LevelError,
+                                   "FbInstanceData::AllocateStreamName next stream number %lu of instance %ls is in use: "
+                                   "%lu taken\n",
+                                   static_cast<unsigned long>(m_streamNameMap.nextStreamNumber), instanceId,
+                                   static_cast<unsigned long>(number));
+    StreamNameEntry& entry = m_streamNameMap.entries[m_bstrElementName];
+    entry.kind = group ? ElementKindGroup : ElementKindParameter;
+    entry.number = number;
+    m_highestStreamNumber = number > m_highestStreamNumber ? number : m_highestStreamNumber;
+    m_streamNameMap.nextStreamNumber = number + 1;
+    m_bElementNew = true;
     return WriteStreamNameMap(instanceId);
 }

@@ -11,19 +11,21 @@
 #include "DispatchImpl.h"
 #include "afxstub.h"
 #include "PK_ComVector.h"
+#include "InstanceData/StoreFormat.h"
+#include "Common/ErrorTrace.h"
 #include "StoreLock.h"
 
-class StreamReader;
-class StreamWriter;
+// Makes the module's own state current for the rest of an interface operation.
+#define STORE_STATE() AFX_MANAGE_STATE(AfxGetStaticModuleState())
 
 // Holds the store's working state for the calling thread for the rest of an
-// interface operation (every apartment of the process shares the store).
+// interface operation (every apartment of the process shares the store). An
+// operation that reads the caller's objects reads them before: they may be
+// proxies into an apartment that is itself waiting for the store.
 #define STORE_LOCK() StoreLock storeLock_
 
-// Makes the module's own state current for the rest of an interface
-// operation, and holds the store.
-#define STORE_ENTRY()                            \
-    AFX_MANAGE_STATE(AfxGetStaticModuleState()); \
+#define STORE_ENTRY() \
+    STORE_STATE();    \
     STORE_LOCK()
 
 // IInstanceDataMgr is described by the module's own library INSTANCEDATALib.
@@ -33,105 +35,25 @@ inline const GUID& TypeLibOf<IInstanceDataMgr>::Id()
     return LIBID_INSTANCEDATALib;
 }
 
-// Administration record: the 8 bytes of the "admin" stream.
-struct AdminRecord
-{
-    DWORD version = 0;
-    DWORD nextInstanceNumber = 0;
-};
-
-// One downward reference of an instance.
-struct SubInstanceRef
-{
-    _bstr_t bstrInstanceId;
-    _bstr_t bstrParameterName;
-};
-
-// Mirror of one "instance" stream.
-struct InstanceRecord
-{
-    DWORD lockCount = 0;
-    _bstr_t bstrSuperInstanceId;
-    _bstr_t bstrSuperParameterName;
-    std::vector<SubInstanceRef> subInstances;
-
-    void Reset();
-};
-
-// Working copy of one parameter stream.
-struct ParameterRecord
-{
-    _bstr_t bstrName;
-    _variant_t value;
-    _variant_t defaultValue;
-    LONG index = 0;
-    DWORD dataType = 0;
-    LONG size = 0;
-    LONG objectType = 0;
-    DWORD isMandatory = 0;
-    DWORD isPrivate = 0;
-    DWORD isProtected = 0;
-    DWORD isLocked = 0;
-};
-
-// Working copy of one group stream.
-struct GroupRecord
-{
-    _bstr_t bstrName;
-    BYTE groupId = 0;
-    std::vector<_bstr_t> members;
-};
-
-// Order of element names in a stream name map: a null name first, then by
-// UTF-16 code units as unsigned numbers up to the first 0 unit.
-struct ElementNameLess
-{
-    bool operator()(const _bstr_t& left, const _bstr_t& right) const;
-};
-
-enum ElementKind : DWORD
-{
-    ElementKindGroup = 1,
-    ElementKindParameter = 2,
-};
-
-struct StreamNameEntry
-{
-    DWORD kind = 0;
-    DWORD number = 0;
-};
-
-// Cached stream name map of one instance.
-struct StreamNameMapRecord
-{
-    DWORD nextStreamNumber = 0;
-    WCHAR szInstanceId[32] = {};
-    std::map<_bstr_t, StreamNameEntry, ElementNameLess> entries;
-
-    void Clear();
-};
-
-// Store results of our own facility.
-enum : HRESULT
-{
-    IDS_E_NAME_EXISTS = static_cast<HRESULT>(0x80043004),       // name already in the stream name map
-    IDS_E_MEMBER_NOT_PARAMETER = static_cast<HRESULT>(0x80043005),
-    IDS_E_NOT_PARAMETER_STREAM = static_cast<HRESULT>(0x80043006),
-    IDS_E_NOT_GROUP_STREAM = static_cast<HRESULT>(0x80043007),
-    IDS_E_NAME_UNKNOWN = static_cast<HRESULT>(0x80043008),      // name not in the stream name map
-};
-
-// The only version that the store writes and accepts at the head of its streams.
-enum : DWORD
-{
-    IDS_STREAM_VERSION = 1,
-};
-
 // Stream and storage modes of the store.
 enum : DWORD
 {
     IDS_STREAM_MODE = STGM_READWRITE | STGM_SHARE_EXCLUSIVE,                       // 0x12
     IDS_STORAGE_MODE = STGM_TRANSACTED | STGM_READWRITE | STGM_SHARE_EXCLUSIVE,    // 0x10012
+};
+
+// One stream of an instance storage, read whole: its bytes, and the open
+// stream and storage to write a new record back through.
+struct RecordStream
+{
+    Microsoft::WRL::ComPtr<IStorage> storage;
+    Microsoft::WRL::ComPtr<IStream> stream;
+    Bytes bytes;
+    size_t headEnd = 0;   // where the part read last ended
+
+    // Replaces the stream's content by bytes (one write), then commits the
+    // instance storage unless told not to.
+    HRESULT Save(const Bytes& record, bool commit = true);
 };
 
 // Locks the elements of a list that the store reads; E_UNEXPECTED for a null
@@ -217,8 +139,8 @@ public:
     virtual HRESULT WriteGroup(BSTR instanceId, bool withMembers);
     virtual HRESULT ReadFromInstance(IFdtCommunicationDescriptor* descriptor, BSTR instanceId);
     virtual HRESULT ReadFromInstance(IFdtDtmDescriptor* descriptor, BSTR instanceId);
-    virtual HRESULT WriteToInstance(IFdtCommunicationDescriptor* descriptor, BSTR instanceId);
-    virtual HRESULT WriteToInstance(IFdtDtmDescriptor* descriptor, BSTR instanceId);
+    virtual HRESULT WriteToInstance(const CommDescriptorRecord& descriptor, IStorage* storage);
+    virtual HRESULT WriteToInstance(const DtmDescriptorRecord& descriptor, IStorage* storage);
     virtual HRESULT ReadAdmin();
     virtual HRESULT WriteAdmin();
     virtual HRESULT ReadInstanceStream(BSTR instanceId, bool headerOnly);
@@ -233,21 +155,28 @@ public:
     virtual HRESULT OpenInstanceStorage(BSTR instanceId, IStorage** storage);
 
 private:
-    // Reverts and releases a root storage that could not be taken into use;
-    // writes the error trace line for line and gives hr back.
-    HRESULT GiveUpRoot(HRESULT hr, int line);
+    // Runs body (a callable giving an HRESULT) as one interface operation:
+    // inside the exception guard, and afterwards no stream is held and a
+    // failure leaves the cached instance storage without pending changes.
+    template <class Body>
+    HRESULT Operation(const char* file, int line, Body&& body);
     // Drops the cached instance storage and stream name map when they belong
-    // to instanceId, so that nothing destroyed or replaced is used again.
+    // to instanceId (any instance for null), so that nothing destroyed or
+    // replaced is used again.
     void ForgetInstanceStorage(BSTR instanceId);
-    // The named stream of an instance, created when absent, with the instance
-    // storage that holds it (the caller commits that after a write).
-    HRESULT OpenInstanceStream(BSTR instanceId, const wchar_t* name, IStorage** storage, IStream** stream);
+    // Releases the root storage and everything cached from it; the path of
+    // the last file stays.
+    void CloseStorage();
+    // The named stream of an instance, read whole; with create a missing
+    // stream is made (empty) instead of failing.
+    HRESULT ReadRecord(BSTR instanceId, const wchar_t* name, bool create, RecordStream& record);
     bool StorageReady() const { return m_bStorageOpen && m_pRootStorage; }
-    // The storage guard and argument check of the descriptor streams, then
-    // the instance storage and the stream name; a rewrite empties the stream
-    // and writes its version.
-    HRESULT OpenDescriptorStream(IDispatch* descriptor, BSTR instanceId, const wchar_t* name, bool rewrite,
-                                 IStorage** storage, IStream** stream);
+    // Brings a new instance storage into being under the first free number
+    // from m_admin.nextInstanceNumber on; the number taken is left in number.
+    HRESULT CreateInstanceStorage(DWORD& number, Microsoft::WRL::ComPtr<IStorage>& storage);
+    // The descriptors of the caller as records, read before anything is written.
+    HRESULT DescriptorRecordOf(IFdtDtmDescriptor* descriptor, DtmDescriptorRecord& record);
+    HRESULT DescriptorRecordOf(IFdtCommunicationDescriptor* descriptor, CommDescriptorRecord& record);
     // Common body of LockParameter and its three siblings.
     HRESULT ChangeParameterFlag(BSTR instanceId, SAFEARRAY** nameList, DWORD ParameterRecord::*flag,
                                 DWORD from, DWORD to);
@@ -257,13 +186,11 @@ private:
     HRESULT GroupMemberNames(BSTR instanceId, BSTR name, ComVectorArray& names, bool checkMembers);
     // Parameter and group streams alike: the stream of the element name (put
     // into m_bstrElementName), its name looked up, looked up or allocated,
-    // or allocated; the header of version, kind and name (the stored name
-    // must be m_bstrElementName); removal of the stream of name.
+    // or allocated, read whole into m_element; the stored name must be
+    // m_bstrElementName. Removal of the stream of name.
     enum class ElementLookup { Find, FindOrAllocate, Allocate };
-    HRESULT OpenElementStream(BSTR instanceId, const _bstr_t& name, bool group, ElementLookup lookup,
-                              IStorage** storage, IStream** stream);
-    HRESULT ReadElementHeader(StreamReader& in, DWORD kind, _bstr_t& name);
-    HRESULT WriteElementHeader(StreamWriter& out, DWORD kind);
+    HRESULT OpenElementStream(BSTR instanceId, const _bstr_t& name, bool group, ElementLookup lookup);
+    HRESULT CheckElementHead(HRESULT read, bool group, const _bstr_t& storedName);
     HRESULT DestroyElementStream(BSTR instanceId, BSTR name, bool group);
 
     FbInstanceData(const FbInstanceData&) = delete;
@@ -274,7 +201,6 @@ private:
     IStorage* m_pRootStorage = nullptr;
     WCHAR m_szInstanceStorageName[32] = {};
     IStorage* m_pInstanceStorage = nullptr;
-    bool m_bCreatingInstance = false;   // set while Create writes a new instance
     AdminRecord m_admin;
     InstanceRecord m_instance;
     _bstr_t m_bstrElementName;
@@ -282,4 +208,37 @@ private:
     GroupRecord m_group;
     ParameterRecord m_parameter;
     StreamNameMapRecord m_streamNameMap;
+    DWORD m_highestStreamNumber = 0;   // of the entries in m_streamNameMap
+    RecordStream m_adminStream;        // the "admin" stream, while an operation runs
+    RecordStream m_element;            // the parameter or group stream of the operation
+    bool m_bElementNew = false;        // m_element was just allocated
 };
+
+template <class Body>
+HRESULT FbInstanceData::Operation(const char* file, int line, Body&& body)
+{
+    HRESULT hr = ExceptionGuard(file, line, body);
+    if (hr == STG_E_REVERTED)
+    {
+        // The frame reverted the root under the cached instance storage: the
+        // first call on it failed before anything changed, so the operation
+        // runs once more on the storage opened anew.
+        m_element = RecordStream();
+        ForgetInstanceStorage(nullptr);
+        hr = ExceptionGuard(file, line, body);
+    }
+    m_element = RecordStream();
+    m_adminStream = RecordStream();
+    if (FAILED(hr))
+    {
+        // What the failed operation changed in the instance storage goes, and
+        // the map in memory is read again from what the file holds.
+        if (m_pInstanceStorage)
+            m_pInstanceStorage->Revert();
+        m_streamNameMap.Clear();
+    }
+    return hr;
+}
+
+// The exception guard of the store's interface operations.
+#define STORE_OPERATION(...) Operation(THIS_FILE, __LINE__, __VA_ARGS__)

@@ -3,7 +3,7 @@
 #include "FbInstanceData.h"
 #include <wrl/client.h>
 #include "Common/ErrorTrace.h"
-#include "Common/StreamIo.h"
+#include "Common/VariantCopy.h"
 
 using Microsoft::WRL::ComPtr;
 
@@ -13,51 +13,24 @@ static const char THIS_FILE[] = "InstanceData/FbInstanceDataGroups";
 
 HRESULT FbInstanceData::ReadGroup(BSTR instanceId, bool withMembers)
 {
-    ComPtr<IStorage> storage;
-    ComPtr<IStream> stream;
-    RETURN_IF_FAILED_QUIET(OpenElementStream(instanceId, m_group.bstrName, true, ElementLookup::Find,
-                                             storage.GetAddressOf(), stream.GetAddressOf()));
-    StreamReader in(stream.Get());
-    _bstr_t storedName;
-    RETURN_IF_FAILED_QUIET(ReadElementHeader(in, ElementKindGroup, storedName));
-    DWORD groupId = 0;
-    RETURN_IF_FAILED(in.Read(groupId));
-    m_group.groupId = static_cast<BYTE>(groupId);
-    if (!withMembers)
-        return S_OK;
-
-    // Members are read one by one, never reserved by the stored count: each
-    // needs its bytes in the stream first.
-    DWORD count = 0;
-    RETURN_IF_FAILED(in.Read(count));
-    m_group.members.clear();
-    for (DWORD i = 0; i < count; ++i)
-    {
-        _bstr_t member;
-        RETURN_IF_FAILED(in.Read(member));
-        m_group.members.push_back(member);
-    }
+    RETURN_IF_FAILED_QUIET(OpenElementStream(instanceId, m_group.bstrName, true, ElementLookup::Find));
+    ByteReader in(m_element.bytes);
+    GroupRecord read;
+    RETURN_IF_FAILED_QUIET(CheckElementHead(ReadGroupRecord(in, read, withMembers), true, read.bstrName));
+    m_group.groupId = read.groupId;
+    if (withMembers)
+        m_group.members = read.members;
     return S_OK;
 }
 
 HRESULT FbInstanceData::WriteGroup(BSTR instanceId, bool withMembers)
 {
     // A name that the map holds, of either kind, is refused (0x80043004).
-    ComPtr<IStorage> storage;
-    ComPtr<IStream> stream;
-    RETURN_IF_FAILED_QUIET(OpenElementStream(instanceId, m_group.bstrName, true, ElementLookup::Allocate,
-                                             storage.GetAddressOf(), stream.GetAddressOf()));
-    RETURN_IF_FAILED(CStreamTool::SetStreamSize(stream.Get(), 0));
-    StreamWriter out(stream.Get());
-    RETURN_IF_FAILED_QUIET(WriteElementHeader(out, ElementKindGroup));
-    RETURN_IF_FAILED(out.Write(DWORD(m_group.groupId)));
-    if (withMembers)
-    {
-        RETURN_IF_FAILED(out.Write(static_cast<DWORD>(m_group.members.size())));
-        for (const _bstr_t& member : m_group.members)
-            RETURN_IF_FAILED(out.Write(member));
-    }
-    RETURN_IF_FAILED(storage->Commit(STGC_DEFAULT));
+    ByteWriter out;
+    m_bstrElementName = m_group.bstrName;
+    WriteGroupRecord(out, m_group, withMembers);
+    RETURN_IF_FAILED_QUIET(OpenElementStream(instanceId, m_group.bstrName, true, ElementLookup::Allocate));
+    RETURN_IF_FAILED(m_element.Save(out.Buffer()));
     return S_OK;
 }
 
@@ -93,7 +66,7 @@ STDMETHODIMP FbInstanceData::DefineGroup(IFdtContext*, BSTR InstanceID, BSTR Nam
                                          SAFEARRAY** NameList)
 {
     STORE_ENTRY();
-    return EXCEPTION_GUARD([&]() -> HRESULT {
+    return STORE_OPERATION([&]() -> HRESULT {
         RETURN_IF_NULL(NameList, E_POINTER);
         RETURN_IF_FAILED(ReadStreamNameMap(InstanceID));
         const _bstr_t name(Name, true);
@@ -114,13 +87,13 @@ STDMETHODIMP FbInstanceData::DefineGroup(IFdtContext*, BSTR InstanceID, BSTR Nam
 STDMETHODIMP FbInstanceData::DeleteGroup(IFdtContext*, BSTR InstanceID, BSTR Name)
 {
     STORE_ENTRY();
-    return EXCEPTION_GUARD([&]() -> HRESULT { return DestroyElementStream(InstanceID, Name, true); });
+    return STORE_OPERATION([&]() -> HRESULT { return DestroyElementStream(InstanceID, Name, true); });
 }
 
 STDMETHODIMP FbInstanceData::GetGroupInfo(IFdtContext*, BSTR InstanceID, BSTR Name, unsigned char* GroupID)
 {
     STORE_ENTRY();
-    return EXCEPTION_GUARD([&]() -> HRESULT {
+    return STORE_OPERATION([&]() -> HRESULT {
         RETURN_IF_NULL(GroupID, E_POINTER);
         m_group.bstrName = _bstr_t(Name, true);
         RETURN_IF_FAILED(ReadGroup(InstanceID, false));
@@ -132,7 +105,7 @@ STDMETHODIMP FbInstanceData::GetGroupInfo(IFdtContext*, BSTR InstanceID, BSTR Na
 STDMETHODIMP FbInstanceData::GetGroup(IFdtContext*, BSTR InstanceID, BSTR Name, SAFEARRAY** NameList)
 {
     STORE_ENTRY();
-    return EXCEPTION_GUARD([&]() -> HRESULT {
+    return STORE_OPERATION([&]() -> HRESULT {
         RETURN_IF_NULL(NameList, E_POINTER);
         ComVectorArray names;
         RETURN_IF_FAILED_QUIET(GroupMemberNames(InstanceID, Name, names, false));
@@ -143,19 +116,40 @@ STDMETHODIMP FbInstanceData::GetGroup(IFdtContext*, BSTR InstanceID, BSTR Name, 
 STDMETHODIMP FbInstanceData::GetAllGroups(IFdtContext* Context, BSTR InstanceID, SAFEARRAY** NameList)
 {
     STORE_ENTRY();
-    return EXCEPTION_GUARD([&]() -> HRESULT { return GetNameList(Context, InstanceID, NameList, true); });
+    return STORE_OPERATION([&]() -> HRESULT { return GetNameList(Context, InstanceID, NameList, true); });
 }
 
-STDMETHODIMP FbInstanceData::ReadGroup(IFdtContext* Context, BSTR InstanceID, BSTR Name,
+STDMETHODIMP FbInstanceData::ReadGroup(IFdtContext*, BSTR InstanceID, BSTR Name,
                                        SAFEARRAY** ParameterValueSequence)
 {
     STORE_ENTRY();
-    return EXCEPTION_GUARD([&]() -> HRESULT {
+    return STORE_OPERATION([&]() -> HRESULT {
         RETURN_IF_NULL(ParameterValueSequence, E_POINTER);
         ComVectorArray names;
-        RETURN_IF_FAILED_QUIET(GroupMemberNames(InstanceID, Name, names, true));
-        SAFEARRAY* members = names.Get();
-        return ReadList(Context, InstanceID, &members, ParameterValueSequence);
+        RETURN_IF_FAILED_QUIET(GroupMemberNames(InstanceID, Name, names, false));
+        // One read of each member stream serves both the kind check and the
+        // value: a member that is not a parameter wins over any other failure,
+        // which comes back as the first one met.
+        const size_t count = m_group.members.size();
+        ComVectorArray result;
+        RETURN_IF_FAILED_QUIET(result.Create<VARIANT>(static_cast<ULONG>(count), 0, true));
+        ComVectorAccess<VARIANT> values;
+        RETURN_IF_FAILED_QUIET(AccessList(values, result.Get()));
+        HRESULT first = S_OK;
+        for (size_t i = 0; i < count; ++i)
+        {
+            m_parameter.bstrName = m_group.members[i];
+            const HRESULT hr = ReadPara(InstanceID, true, false);
+            if (hr == IDS_E_NOT_PARAMETER_STREAM)
+                return IDS_E_MEMBER_NOT_PARAMETER;
+            if (FAILED(hr) && SUCCEEDED(first))
+                first = hr;
+            if (SUCCEEDED(first))
+                RETURN_IF_FAILED(CopyVariant(m_parameter.value, values[static_cast<ULONG>(i)]));
+        }
+        RETURN_IF_FAILED_QUIET(first);
+        RETURN_IF_FAILED_QUIET(values.Release());
+        return result.DetachTo(ParameterValueSequence);
     });
 }
 
@@ -163,7 +157,7 @@ STDMETHODIMP FbInstanceData::WriteGroup(IFdtContext* Context, BSTR InstanceID, B
                                         SAFEARRAY** ParameterValueSequence)
 {
     STORE_ENTRY();
-    return EXCEPTION_GUARD([&]() -> HRESULT {
+    return STORE_OPERATION([&]() -> HRESULT {
         RETURN_IF_NULL(ParameterValueSequence, E_POINTER);
         // Value i goes to member i.
         ComVectorArray names;

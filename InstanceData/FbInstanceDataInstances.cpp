@@ -4,7 +4,6 @@
 #include "FbInstanceData.h"
 #include <set>
 #include "Common/ErrorTrace.h"
-#include "Common/StreamIo.h"
 #include "NonCreateables/FdtCommunicationDescriptor.h"
 #include "NonCreateables/FdtDescriptor.h"
 #include "NonCreateables/FdtDtmDescriptor.h"
@@ -17,46 +16,6 @@ static const char THIS_FILE[] = "InstanceData/FbInstanceData";
 
 namespace
 {
-// Every stream of an instance begins with this version.
-
-// The head of the "instance" stream: version and lock count.
-struct InstanceHead
-{
-    DWORD version;
-    DWORD lockCount;
-};
-static_assert(sizeof(InstanceHead) == 8, "the head of the instance stream is 8 bytes");
-
-// Reads the version of a descriptor stream; another version is reported as
-// an internal error with message at line.
-HRESULT ReadDescriptorVersion(StreamReader& in, const char* message, int line)
-{
-    DWORD version = 0;
-    RETURN_IF_FAILED(in.Read(version));
-    if (version == DWORD(IDS_STREAM_VERSION))
-        return S_OK;
-    CError::ImplHandleInternal(message, THIS_FILE, line, 10);
-    return E_FAIL;
-}
-
-// The instance number that a root element name stands for: digits only, no
-// sign, no leading zero, at least 1; 0 for any other name.
-DWORD InstanceNumberOf(const WCHAR* name)
-{
-    if (!name || name[0] < L'1' || name[0] > L'9')
-        return 0;
-    ULONGLONG number = 0;
-    for (const WCHAR* digit = name; *digit; ++digit)
-    {
-        if (*digit < L'0' || *digit > L'9')
-            return 0;
-        number = number * 10 + static_cast<ULONGLONG>(*digit - L'0');
-        if (number > MAXDWORD)
-            return 0;
-    }
-    return static_cast<DWORD>(number);
-}
-
 // Numbers of the instance storages in the root, ascending. Enumerating finds
 // the storage that the store keeps open too, where a probing open would be
 // refused; the enumeration never creates anything.
@@ -64,13 +23,21 @@ HRESULT InstanceNumbersIn(IStorage* root, std::set<DWORD>& numbers)
 {
     ComPtr<IEnumSTATSTG> elements;
     RETURN_IF_FAILED(root->EnumElements(0, nullptr, 0, elements.GetAddressOf()));
-    STATSTG element;
-    while (elements->Next(1, &element, nullptr) == S_OK)
+    // Many elements a call: each call costs about as much as a small record.
+    STATSTG batch[64];
+    ULONG fetched = 0;
+    HRESULT hr = S_OK;
+    do
     {
-        if (element.type == STGTY_STORAGE)
-            numbers.insert(InstanceNumberOf(element.pwcsName));
-        CoTaskMemFree(element.pwcsName);
-    }
+        hr = elements->Next(ARRAYSIZE(batch), batch, &fetched);
+        RETURN_IF_FAILED(hr);
+        for (ULONG i = 0; i < fetched; ++i)
+        {
+            if (batch[i].type == STGTY_STORAGE)
+                numbers.insert(InstanceNumberOf(batch[i].pwcsName));
+            CoTaskMemFree(batch[i].pwcsName);
+        }
+    } while (hr == S_OK);
     numbers.erase(0);
     return S_OK;
 }
@@ -80,207 +47,234 @@ HRESULT InstanceNumbersIn(IStorage* root, std::set<DWORD>& numbers)
 
 HRESULT FbInstanceData::ReadInstanceStream(BSTR instanceId, bool headerOnly)
 {
-    ComPtr<IStorage> storage;
-    ComPtr<IStream> stream;
-    RETURN_IF_FAILED_QUIET(OpenInstanceStream(instanceId, L"instance", storage.GetAddressOf(), stream.GetAddressOf()));
-    StreamReader in(stream.Get());
-    DWORD version = 0;
-    RETURN_IF_FAILED(in.Read(version));
-    if (version != DWORD(IDS_STREAM_VERSION))
+    RecordStream record;
+    RETURN_IF_FAILED_QUIET(ReadRecord(instanceId, L"instance", false, record));
+    ByteReader in(record.bytes);
+    InstanceRecord read;
+    const HRESULT hr = ReadInstanceRecord(in, read, headerOnly);
+    if (hr == IDS_E_STREAM_VERSION)
     {
         g_StdPkTraceInstance.Trace(CPkTrace::LevelError, "FbInstanceData::ReadInstanceStream invalid version\n");
         return E_FAIL;
     }
-    RETURN_IF_FAILED(in.Read(m_instance.lockCount));
-    if (headerOnly)
-        return S_OK;
-
-    m_instance.bstrSuperInstanceId = _bstr_t();
-    RETURN_IF_FAILED(in.Read(m_instance.bstrSuperInstanceId));
-    m_instance.bstrSuperParameterName = _bstr_t();
-    RETURN_IF_FAILED(in.Read(m_instance.bstrSuperParameterName));
-    DWORD count = 0;
-    RETURN_IF_FAILED(in.Read(count));
-    // Entries are added as they are read, never sized from the count: a
-    // damaged count then ends at the stream's end instead of in a huge list.
-    m_instance.subInstances.clear();
-    for (DWORD i = 0; i < count; ++i)
-    {
-        m_instance.subInstances.emplace_back();
-        SubInstanceRef& entry = m_instance.subInstances.back();
-        RETURN_IF_FAILED(in.Read(entry.bstrInstanceId));
-        RETURN_IF_FAILED_HR(in.Read(entry.bstrParameterName));
-    }
+    RETURN_IF_FAILED(hr);
+    m_instance.lockCount = read.lockCount;
+    if (!headerOnly)
+        m_instance = read;
     return S_OK;
 }
 
 HRESULT FbInstanceData::WriteInstanceStream(BSTR instanceId, bool headerOnly)
 {
-    ComPtr<IStorage> storage;
-    ComPtr<IStream> stream;
-    RETURN_IF_FAILED_QUIET(OpenInstanceStream(instanceId, L"instance", storage.GetAddressOf(), stream.GetAddressOf()));
-    StreamWriter out(stream.Get());
-    if (headerOnly)
-    {
-        // Over the first 8 bytes only: size and references stay as they are.
-        const InstanceHead head = {DWORD(IDS_STREAM_VERSION), m_instance.lockCount};
-        RETURN_IF_FAILED(out.Write(head));
-        return storage->Commit(STGC_DEFAULT);
-    }
-    RETURN_IF_FAILED(CStreamTool::SetStreamSize(stream.Get(), 0));
-    RETURN_IF_FAILED(out.Write(DWORD(IDS_STREAM_VERSION)));
-    RETURN_IF_FAILED(out.Write(m_instance.lockCount));
-    RETURN_IF_FAILED(out.Write(m_instance.bstrSuperInstanceId));
-    RETURN_IF_FAILED(out.Write(m_instance.bstrSuperParameterName));
-    RETURN_IF_FAILED(out.Write(static_cast<DWORD>(m_instance.subInstances.size())));
-    for (const SubInstanceRef& entry : m_instance.subInstances)
-    {
-        RETURN_IF_FAILED_HR(out.Write(entry.bstrInstanceId));
-        RETURN_IF_FAILED_HR(out.Write(entry.bstrParameterName));
-    }
-    return storage->Commit(STGC_DEFAULT);
+    RecordStream record;
+    RETURN_IF_FAILED_QUIET(ReadRecord(instanceId, L"instance", false, record));
+    ByteWriter out;
+    WriteInstanceRecord(out, m_instance, headerOnly);
+    // The head alone goes before the rest as it is: size and references stay.
+    if (headerOnly && record.bytes.size() > kInstanceHeadSize)
+        out.Append(record.bytes.data() + kInstanceHeadSize, record.bytes.size() - kInstanceHeadSize);
+    RETURN_IF_FAILED_QUIET(record.Save(out.Buffer()));
+    return S_OK;
 }
 
 // --------------------------------------------------------- descriptor streams
 
-HRESULT FbInstanceData::OpenDescriptorStream(IDispatch* descriptor, BSTR instanceId, const wchar_t* name, bool rewrite,
-                                             IStorage** storage, IStream** stream)
+HRESULT FbInstanceData::DescriptorRecordOf(IFdtDtmDescriptor* descriptor, DtmDescriptorRecord& record)
 {
-    RETURN_IF_NULL(StorageReady(), E_FAIL);
-    RETURN_IF_NULL(descriptor && instanceId, E_POINTER);
-    RETURN_IF_FAILED_QUIET(OpenInstanceStream(instanceId, name, storage, stream));
-    if (!rewrite)
-        return S_OK;
-    RETURN_IF_FAILED(CStreamTool::SetStreamSize(*stream, 0));
-    RETURN_IF_FAILED(StreamWriter(*stream).Write(DWORD(IDS_STREAM_VERSION)));
+    RETURN_IF_NULL(descriptor, E_POINTER);
+    RETURN_IF_FAILED(descriptor->get_m_category(&record.category));
+    RETURN_IF_FAILED(descriptor->get_m_classification(&record.classification));
+    RETURN_IF_FAILED(descriptor->get_m_device(record.device.GetAddress()));
+    RETURN_IF_FAILED(descriptor->get_m_node(record.node.GetAddress()));
+    RETURN_IF_FAILED(descriptor->get_m_application(&record.application));
+    RETURN_IF_FAILED_HR(descriptor->get_m_language(&record.language));
     return S_OK;
 }
 
+HRESULT FbInstanceData::DescriptorRecordOf(IFdtCommunicationDescriptor* descriptor, CommDescriptorRecord& record)
+{
+    RETURN_IF_NULL(descriptor, E_POINTER);
+    RETURN_IF_FAILED(descriptor->get_m_category(&record.category));
+    RETURN_IF_FAILED(descriptor->get_m_name(record.name.GetAddress()));
+    return S_OK;
+}
+
+// An instance that cannot be read still gets its identification: each
+// descriptor starts from its new-object values, and the fields read before a
+// failure replace them.
 HRESULT FbInstanceData::ReadFromInstance(IFdtCommunicationDescriptor* descriptor, BSTR instanceId)
 {
-    ComPtr<IStorage> storage;
-    ComPtr<IStream> stream;
-    RETURN_IF_FAILED_QUIET(
-        OpenDescriptorStream(descriptor, instanceId, L"comm", false, storage.GetAddressOf(), stream.GetAddressOf()));
-    StreamReader in(stream.Get());
-    RETURN_IF_FAILED_QUIET(ReadDescriptorVersion(in, "FbInstanceData::ReadFromInstance(COMM) invalid version", __LINE__));
-    BYTE category = 0;
-    _bstr_t name;
-    RETURN_IF_FAILED(in.Read(category));
-    RETURN_IF_FAILED(descriptor->put_m_category(category));
-    RETURN_IF_FAILED(in.Read(name));
-    RETURN_IF_FAILED(descriptor->put_m_name(name));
+    CommDescriptorRecord record;
+    RETURN_IF_FAILED_QUIET(DescriptorRecordOf(descriptor, record));
+    RecordStream stream;
+    RETURN_IF_FAILED_QUIET(ReadRecord(instanceId, L"comm", false, stream));
+    ByteReader in(stream.bytes);
+    const HRESULT hr = ReadCommDescriptorRecord(in, record);
+    if (hr == IDS_E_STREAM_VERSION)
+    {
+        CError::ImplHandleInternal("FbInstanceData::ReadFromInstance(COMM) invalid version", THIS_FILE, __LINE__, 10);
+        return E_FAIL;
+    }
+    RETURN_IF_FAILED(descriptor->put_m_category(record.category));
+    RETURN_IF_FAILED(descriptor->put_m_name(record.name));
+    RETURN_IF_FAILED(hr);
     return S_OK;
 }
 
 HRESULT FbInstanceData::ReadFromInstance(IFdtDtmDescriptor* descriptor, BSTR instanceId)
 {
-    ComPtr<IStorage> storage;
-    ComPtr<IStream> stream;
-    RETURN_IF_FAILED_QUIET(
-        OpenDescriptorStream(descriptor, instanceId, L"dtm", false, storage.GetAddressOf(), stream.GetAddressOf()));
-    StreamReader in(stream.Get());
-    RETURN_IF_FAILED_QUIET(ReadDescriptorVersion(in, "FbInstanceData::ReadFromInstance(DTM) invalid version", __LINE__));
-    BYTE category = 0;
-    LONG classification = 0, application = 0, language = 0;
-    _bstr_t device, node;
-    RETURN_IF_FAILED(in.Read(category));
-    RETURN_IF_FAILED(descriptor->put_m_category(category));
-    RETURN_IF_FAILED(in.Read(classification));
-    RETURN_IF_FAILED(descriptor->put_m_classification(classification));
-    RETURN_IF_FAILED(in.Read(device));
-    RETURN_IF_FAILED(descriptor->put_m_device(device));
-    RETURN_IF_FAILED(in.Read(node));
-    RETURN_IF_FAILED(descriptor->put_m_node(node));
-    RETURN_IF_FAILED(in.Read(application));
-    RETURN_IF_FAILED(descriptor->put_m_application(application));
-    RETURN_IF_FAILED(in.Read(language));
-    RETURN_IF_FAILED_HR(descriptor->put_m_language(language));
+    DtmDescriptorRecord record;
+    RETURN_IF_FAILED_QUIET(DescriptorRecordOf(descriptor, record));
+    RecordStream stream;
+    RETURN_IF_FAILED_QUIET(ReadRecord(instanceId, L"dtm", false, stream));
+    ByteReader in(stream.bytes);
+    const HRESULT hr = ReadDtmDescriptorRecord(in, record);
+    if (hr == IDS_E_STREAM_VERSION)
+    {
+        CError::ImplHandleInternal("FbInstanceData::ReadFromInstance(DTM) invalid version", THIS_FILE, __LINE__, 10);
+        return E_FAIL;
+    }
+    RETURN_IF_FAILED(descriptor->put_m_category(record.category));
+    RETURN_IF_FAILED(descriptor->put_m_classification(record.classification));
+    RETURN_IF_FAILED(descriptor->put_m_device(record.device));
+    RETURN_IF_FAILED(descriptor->put_m_node(record.node));
+    RETURN_IF_FAILED(descriptor->put_m_application(record.application));
+    RETURN_IF_FAILED_HR(descriptor->put_m_language(record.language));
+    RETURN_IF_FAILED(hr);
     return S_OK;
 }
 
-HRESULT FbInstanceData::WriteToInstance(IFdtCommunicationDescriptor* descriptor, BSTR instanceId)
+namespace
 {
-    ComPtr<IStorage> storage;
-    ComPtr<IStream> stream;
-    RETURN_IF_FAILED_QUIET(
-        OpenDescriptorStream(descriptor, instanceId, L"comm", true, storage.GetAddressOf(), stream.GetAddressOf()));
-    StreamWriter out(stream.Get());
-    BYTE category = 0;
-    _bstr_t name;
-    RETURN_IF_FAILED(descriptor->get_m_category(&category));
-    RETURN_IF_FAILED(out.Write(category));
-    RETURN_IF_FAILED(descriptor->get_m_name(name.GetAddress()));
-    RETURN_IF_FAILED(out.Write(name));
-    return storage->Commit(STGC_DEFAULT);
+// A stream of a storage that Create has just made, written whole.
+HRESULT WriteNewStream(IStorage* storage, const wchar_t* name, const Bytes& bytes)
+{
+    RecordStream record;
+    RETURN_IF_FAILED(storage->CreateStream(name, IDS_STREAM_MODE | STGM_CREATE, 0, 0, record.stream.GetAddressOf()));
+    RETURN_IF_FAILED(record.Save(bytes, false));
+    return S_OK;
+}
+}  // namespace
+
+HRESULT FbInstanceData::WriteToInstance(const CommDescriptorRecord& descriptor, IStorage* storage)
+{
+    ByteWriter out;
+    WriteCommDescriptorRecord(out, descriptor);
+    return WriteNewStream(storage, L"comm", out.Buffer());
 }
 
-HRESULT FbInstanceData::WriteToInstance(IFdtDtmDescriptor* descriptor, BSTR instanceId)
+HRESULT FbInstanceData::WriteToInstance(const DtmDescriptorRecord& descriptor, IStorage* storage)
 {
-    ComPtr<IStorage> storage;
-    ComPtr<IStream> stream;
-    RETURN_IF_FAILED_QUIET(
-        OpenDescriptorStream(descriptor, instanceId, L"dtm", true, storage.GetAddressOf(), stream.GetAddressOf()));
-    StreamWriter out(stream.Get());
-    BYTE category = 0;
-    LONG classification = 0, application = 0, language = 0;
-    _bstr_t device, node;
-    RETURN_IF_FAILED(descriptor->get_m_category(&category));
-    RETURN_IF_FAILED(out.Write(category));
-    RETURN_IF_FAILED(descriptor->get_m_classification(&classification));
-    RETURN_IF_FAILED(out.Write(classification));
-    RETURN_IF_FAILED(descriptor->get_m_device(device.GetAddress()));
-    RETURN_IF_FAILED(out.Write(device));
-    RETURN_IF_FAILED(descriptor->get_m_node(node.GetAddress()));
-    RETURN_IF_FAILED(out.Write(node));
-    RETURN_IF_FAILED(descriptor->get_m_application(&application));
-    RETURN_IF_FAILED(out.Write(application));
-    RETURN_IF_FAILED_HR(descriptor->get_m_language(&language));
-    RETURN_IF_FAILED_HR(out.Write(language));
-    return storage->Commit(STGC_DEFAULT);
+    ByteWriter out;
+    WriteDtmDescriptorRecord(out, descriptor);
+    return WriteNewStream(storage, L"dtm", out.Buffer());
 }
 
 // ------------------------------------------------------------------ lifecycle
 
+HRESULT FbInstanceData::CreateInstanceStorage(DWORD& number, ComPtr<IStorage>& storage)
+{
+    // Numbers start at 1 and only grow; a 0 can only come from a damaged record.
+    RETURN_IF_FAILED(m_admin.nextInstanceNumber ? S_OK : E_FAIL);
+    // A next number that lags behind the elements of the root (a damaged
+    // file, or one written by another program) must not reopen and empty an
+    // existing instance: every name in use is skipped.
+    for (number = m_admin.nextInstanceNumber; number; ++number)
+    {
+        WCHAR digits[16];
+        _ultow(number, digits, 10);
+        const HRESULT hr = m_pRootStorage->CreateStorage(digits, IDS_STORAGE_MODE | STGM_FAILIFTHERE, 0, 0,
+                                                        storage.ReleaseAndGetAddressOf());
+        if (hr == STG_E_FILEALREADYEXISTS)
+            continue;
+        RETURN_IF_FAILED(hr);
+        if (number != m_admin.nextInstanceNumber)
+            g_StdPkTraceInstance.Trace(CPkTrace::LevelError,
+                                       "FbInstanceData::Create next instance number %lu is in use: %lu taken\n",
+                                       static_cast<unsigned long>(m_admin.nextInstanceNumber),
+                                       static_cast<unsigned long>(number));
+        return S_OK;
+    }
+    return TraceErrorLine(THIS_FILE, __LINE__, E_FAIL);
+}
+
 STDMETHODIMP FbInstanceData::Create(IFdtContext*, IFdtDtmDescriptor* DtmDescriptor,
                                     IFdtCommunicationDescriptor* CommunicationDescriptor, BSTR* InstanceID)
 {
-    STORE_ENTRY();
-    return EXCEPTION_GUARD([&]() -> HRESULT {
+    STORE_STATE();
+    // The caller's descriptors are read first, before the store is held:
+    // nothing is written for descriptors that cannot be read.
+    DtmDescriptorRecord dtm;
+    CommDescriptorRecord comm;
+    HRESULT dtmRead = E_POINTER, commRead = E_POINTER;
+    if (InstanceID)
+        dtmRead = EXCEPTION_GUARD([&]() -> HRESULT { return DescriptorRecordOf(DtmDescriptor, dtm); });
+    if (SUCCEEDED(dtmRead))
+        commRead = EXCEPTION_GUARD([&]() -> HRESULT { return DescriptorRecordOf(CommunicationDescriptor, comm); });
+    STORE_LOCK();
+    return STORE_OPERATION([&]() -> HRESULT {
         RETURN_IF_NULL(InstanceID, E_POINTER);
         if (!StorageReady())
         {
             g_StdPkTraceInstance.Trace(CPkTrace::LevelInfo, "FbInstanceData::Create storage not init\n");
             return E_FAIL;
         }
-        RETURN_IF_FAILED(ReadAdmin());
-        // Numbers start at 1 and only grow; a 0 can only come from a damaged record.
-        RETURN_IF_FAILED(m_admin.nextInstanceNumber ? S_OK : E_FAIL);
-        WCHAR digits[16];
-        _ultow(m_admin.nextInstanceNumber++, digits, 10);
-        _bstr_t id(digits);
-        RETURN_IF_FAILED(WriteAdmin());
-
-        m_instance.Reset();
-        m_bCreatingInstance = true;
-        const HRESULT created = WriteInstanceStream(id, false);
-        m_bCreatingInstance = false;
-        RETURN_IF_FAILED_QUIET(created);
-        m_streamNameMap.Clear();
-        RETURN_IF_FAILED_QUIET(WriteStreamNameMap(id));
-        HRESULT hr = WriteToInstance(DtmDescriptor, id);
+        HRESULT hr = dtmRead;
         if (FAILED(hr))
         {
             g_StdPkTraceInstance.Trace(CPkTrace::LevelInfo, "FbInstanceData::Create WriteToInstance(DtmDescriptor) failed\n");
             return hr;
         }
-        hr = WriteToInstance(CommunicationDescriptor, id);
+        hr = commRead;
         if (FAILED(hr))
         {
             g_StdPkTraceInstance.Trace(CPkTrace::LevelInfo,
                                        "FbInstanceData::Create WriteToInstance(CommunicationDescriptor) failed\n");
             return hr;
         }
+
+        RETURN_IF_FAILED(ReadAdmin());
+        DWORD number = 0;
+        ComPtr<IStorage> storage;
+        RETURN_IF_FAILED_QUIET(CreateInstanceStorage(number, storage));
+        WCHAR digits[16];
+        _ultow(number, digits, 10);
+        _bstr_t id(digits);
+
+        // The whole instance is written and committed once; should any step
+        // fail, the new storage goes again and the file is as it was.
+        InstanceRecord instance;
+        StreamNameMapRecord map;
+        ByteWriter instanceBytes, mapBytes;
+        WriteInstanceRecord(instanceBytes, instance, false);
+        WriteStreamNameMapRecord(mapBytes, map);
+        hr = WriteNewStream(storage.Get(), L"instance", instanceBytes.Buffer());
+        if (SUCCEEDED(hr))
+            hr = WriteNewStream(storage.Get(), L"map", mapBytes.Buffer());
+        if (SUCCEEDED(hr))
+            hr = WriteToInstance(dtm, storage.Get());
+        if (SUCCEEDED(hr))
+            hr = WriteToInstance(comm, storage.Get());
+        if (SUCCEEDED(hr))
+            hr = storage->Commit(STGC_DEFAULT);
+        if (SUCCEEDED(hr))
+        {
+            m_admin.nextInstanceNumber = number + 1;
+            hr = WriteAdmin();
+        }
+        if (FAILED(hr))
+        {
+            storage.Reset();
+            m_pRootStorage->DestroyElement(digits);
+            return TraceErrorLine(THIS_FILE, __LINE__, hr);
+        }
+        // The new storage becomes the cached one, with its empty map.
+        ForgetInstanceStorage(nullptr);
+        m_pInstanceStorage = storage.Detach();
+        CopyName(m_szInstanceStorageName, digits);
+        CopyName(m_streamNameMap.szInstanceId, digits);
+        m_highestStreamNumber = 0;
+        m_instance.Reset();
         *InstanceID = id.Detach();
         return S_OK;
     });
@@ -289,7 +283,7 @@ STDMETHODIMP FbInstanceData::Create(IFdtContext*, IFdtDtmDescriptor* DtmDescript
 STDMETHODIMP FbInstanceData::ReadIdentification(IFdtContext*, BSTR InstanceID, IFdtDescriptor** Descriptor)
 {
     STORE_ENTRY();
-    return EXCEPTION_GUARD([&]() -> HRESULT {
+    return STORE_OPERATION([&]() -> HRESULT {
         RETURN_IF_NULL(Descriptor, E_POINTER);
         if (!StorageReady())
         {
@@ -318,32 +312,46 @@ STDMETHODIMP FbInstanceData::ReadIdentification(IFdtContext*, BSTR InstanceID, I
     });
 }
 
-// Delete works on the root alone, without the module state switch. The
-// instance storage is destroyed while the store may still hold it open in its
-// cache (the platform allows that), so the cache and a stream name map loaded
-// for that instance are dropped first: a destroyed storage is never used
-// again, and a later read of the same name opens the element anew instead of
-// seeing the old data (the toolkit's open then makes an empty storage of that
-// name, which holds no instance stream and fails every instance read). The
-// administration stream is not an instance and is refused, as destroying it
-// would make the file unusable.
+// Delete works on the root alone, without the module state switch. It
+// removes an instance storage and nothing else: the administration stream
+// and any element that is not an instance storage are refused. The cache and
+// a stream name map loaded for that instance are dropped first: a destroyed
+// storage is never used again.
 STDMETHODIMP FbInstanceData::Delete(IFdtContext*, BSTR InstanceID)
 {
     STORE_LOCK();
-    return EXCEPTION_GUARD([&]() -> HRESULT {
+    return STORE_OPERATION([&]() -> HRESULT {
         RETURN_IF_NULL(StorageReady(), E_UNEXPECTED);
         WCHAR name[32];
-        lstrcpynW(name, InstanceID ? InstanceID : L"", 32);
-        RETURN_IF_NULL(lstrcmpW(name, L"admin") != 0, E_INVALIDARG);
+        CopyName(name, InstanceID);
+        if (!InstanceNumberOf(name))
+        {
+            g_StdPkTraceInstance.Trace(CPkTrace::LevelError, "FbInstanceData::Delete %ls is not an instance\n", name);
+            return E_INVALIDARG;
+        }
         ForgetInstanceStorage(InstanceID);
-        return m_pRootStorage->DestroyElement(name);
+        ComPtr<IStorage> storage;
+        const HRESULT hr = m_pRootStorage->OpenStorage(name, nullptr, IDS_STORAGE_MODE, nullptr, 0, storage.GetAddressOf());
+        if (hr == STG_E_FILENOTFOUND)
+        {
+            ComPtr<IStream> stream;
+            if (SUCCEEDED(m_pRootStorage->OpenStream(name, nullptr, IDS_STREAM_MODE, 0, stream.GetAddressOf())))
+            {
+                g_StdPkTraceInstance.Trace(CPkTrace::LevelError, "FbInstanceData::Delete %ls is not an instance\n", name);
+                return E_INVALIDARG;
+            }
+        }
+        RETURN_IF_FAILED_QUIET(hr);
+        storage.Reset();
+        RETURN_IF_FAILED(m_pRootStorage->DestroyElement(name));
+        return S_OK;
     });
 }
 
 STDMETHODIMP FbInstanceData::Duplicate(IFdtContext* Context, BSTR InstanceID, BSTR* InstanceIDOut)
 {
     STORE_ENTRY();
-    return EXCEPTION_GUARD([&]() -> HRESULT {
+    return STORE_OPERATION([&]() -> HRESULT {
         RETURN_IF_NULL(InstanceIDOut, E_POINTER);
         IFbInstanceData* self = this;
         ComPtr<IFdtDescriptor> identification;
@@ -352,26 +360,45 @@ STDMETHODIMP FbInstanceData::Duplicate(IFdtContext* Context, BSTR InstanceID, BS
         RETURN_IF_FAILED_QUIET(self->ReadIdentification(Context, InstanceID, identification.GetAddressOf()));
         RETURN_IF_FAILED_QUIET(identification->get_m_dtm(dtm.GetAddressOf()));
         RETURN_IF_FAILED_QUIET(identification->get_m_communication(communication.GetAddressOf()));
+        // The source must be there before anything is made: its identification
+        // alone reads for any identifier.
+        ComPtr<IStorage> source;
+        RETURN_IF_FAILED(OpenInstanceStorage(InstanceID, source.GetAddressOf()));
+        RETURN_IF_FAILED(ReadAdmin());
+        const AdminRecord before = m_admin;
         RETURN_IF_FAILED_QUIET(self->Create(Context, dtm.Get(), communication.Get(), InstanceIDOut));
 
-        ComPtr<IStorage> source;
-        ComPtr<IStorage> copy;
-        RETURN_IF_FAILED(OpenInstanceStorage(InstanceID, source.GetAddressOf()));
         // The new storage is opened by name beside the cache, which must not
-        // hold it (a second open is refused). Opening the source has just
-        // replaced the cache; the new instance is dropped from it all the same,
-        // map included, so that nothing cached before the copy outlives it.
+        // hold it (a second open is refused): Create left it there.
+        ComPtr<IStorage> copy;
         ForgetInstanceStorage(*InstanceIDOut);
-        RETURN_IF_FAILED(CStreamTool::Open(m_pRootStorage, *InstanceIDOut, copy.GetAddressOf(), IDS_STORAGE_MODE));
-        source->CopyTo(0, nullptr, nullptr, copy.Get());
-        return copy->Commit(STGC_DEFAULT);
+        HRESULT hr = m_pRootStorage->OpenStorage(*InstanceIDOut, nullptr, IDS_STORAGE_MODE, nullptr, 0, copy.GetAddressOf());
+        if (SUCCEEDED(hr))
+            hr = source->CopyTo(0, nullptr, nullptr, copy.Get());
+        if (SUCCEEDED(hr))
+            hr = copy->Commit(STGC_DEFAULT);
+        if (FAILED(hr))
+        {
+            // A copy that failed leaves no half instance and no counter moved.
+            copy.Reset();
+            m_pRootStorage->DestroyElement(*InstanceIDOut);
+            SysFreeString(*InstanceIDOut);
+            *InstanceIDOut = nullptr;
+            if (SUCCEEDED(ReadAdmin()))
+            {
+                m_admin = before;
+                WriteAdmin();
+            }
+            return TraceErrorLine(THIS_FILE, __LINE__, hr);
+        }
+        return S_OK;
     });
 }
 
 STDMETHODIMP FbInstanceData::LockInstance(IFdtContext*, BSTR InstanceID)
 {
     STORE_ENTRY();
-    return EXCEPTION_GUARD([&]() -> HRESULT {
+    return STORE_OPERATION([&]() -> HRESULT {
         RETURN_IF_FAILED(ReadInstanceStream(InstanceID, true));
         ++m_instance.lockCount;
         return WriteInstanceStream(InstanceID, true);
@@ -381,7 +408,7 @@ STDMETHODIMP FbInstanceData::LockInstance(IFdtContext*, BSTR InstanceID)
 STDMETHODIMP FbInstanceData::UnlockInstance(IFdtContext*, BSTR InstanceID)
 {
     STORE_ENTRY();
-    return EXCEPTION_GUARD([&]() -> HRESULT {
+    return STORE_OPERATION([&]() -> HRESULT {
         RETURN_IF_FAILED(ReadInstanceStream(InstanceID, true));
         RETURN_IF_NULL(m_instance.lockCount, E_FAIL);
         --m_instance.lockCount;
@@ -392,7 +419,7 @@ STDMETHODIMP FbInstanceData::UnlockInstance(IFdtContext*, BSTR InstanceID)
 STDMETHODIMP FbInstanceData::GetInstanceDataList(IFdtContext*, SAFEARRAY** InstanceDataIDList)
 {
     STORE_ENTRY();
-    return EXCEPTION_GUARD([&]() -> HRESULT {
+    return STORE_OPERATION([&]() -> HRESULT {
         RETURN_IF_NULL(InstanceDataIDList, E_POINTER);
         RETURN_IF_FAILED(ReadAdmin());
         // Only numbers handed out so far count; walking the root's elements

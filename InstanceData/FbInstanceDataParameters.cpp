@@ -5,7 +5,6 @@
 #include <cstring>
 #include "Common/ErrorTrace.h"
 #include "Common/VariantCopy.h"
-#include "Common/StreamIo.h"
 #include "NonCreateables/FdtParameter.h"
 
 using Microsoft::WRL::ComPtr;
@@ -31,47 +30,6 @@ bool SameName(BSTR stored, BSTR asked)
 _bstr_t CopyOf(BSTR name)
 {
     return _bstr_t(name, true);
-}
-
-// Reads one value in the value encoding written by CStreamTool::Write. A
-// string's count is checked against the stream's end before anything is
-// allocated (CStreamTool::Read); a value that could not be read is left
-// VT_EMPTY, one whose text no longer converts stays VT_BSTR.
-HRESULT ReadValue(IStream* stream, VARIANT& value)
-{
-    RETURN_IF_FAILED_QUIET(VariantClear(&value));
-    VARTYPE vt = VT_EMPTY;
-    RETURN_IF_FAILED_QUIET(StreamReader(stream).Read(vt));
-    if (const ULONG width = CStreamTool::ValueWidth(vt))
-    {
-        VARIANT read;
-        std::memset(&read, 0, sizeof read);
-        V_VT(&read) = vt;
-        RETURN_IF_FAILED_QUIET(CStreamTool::Read(stream, &V_UI1(&read), width, nullptr));
-        value = read;
-        return S_OK;
-    }
-    if (vt == VT_DISPATCH || vt == VT_UNKNOWN)
-    {
-        // The load's result is not the read's: an object that cannot be made
-        // again reads as no object.
-        IUnknown* object = nullptr;
-        if (FAILED(OleLoadFromStream(stream, vt == VT_DISPATCH ? IID_IDispatch : IID_IUnknown,
-                                     reinterpret_cast<void**>(&object))) &&
-            object)
-        {
-            object->Release();
-            object = nullptr;
-        }
-        V_VT(&value) = vt;
-        V_UNKNOWN(&value) = object;
-        return S_OK;
-    }
-    _bstr_t text;
-    RETURN_IF_FAILED_QUIET(CStreamTool::Read(stream, text));
-    V_BSTR(&value) = static_cast<BSTR>(text) ? text.Detach() : nullptr;
-    V_VT(&value) = VT_BSTR;
-    return vt == VT_BSTR ? S_OK : VariantChangeType(&value, &value, 0, vt);
 }
 
 // The equality of WriteParameter: an equal value is not written again. Only
@@ -146,51 +104,45 @@ VARIANT_BOOL AsVariantBool(DWORD flag)
 
 // ------------------------------------------- parameter and group streams
 
-HRESULT FbInstanceData::OpenElementStream(BSTR instanceId, const _bstr_t& name, bool group, ElementLookup lookup,
-                                          IStorage** storage, IStream** stream)
+HRESULT FbInstanceData::OpenElementStream(BSTR instanceId, const _bstr_t& name, bool group, ElementLookup lookup)
 {
+    // The stream that this operation read last is written back through.
+    if (lookup != ElementLookup::Allocate && m_element.stream && m_bstrElementName == name)
+        return S_OK;
+    m_element = RecordStream();
     m_bstrElementName = name;
     if (lookup == ElementLookup::Allocate)
         RETURN_IF_FAILED(AllocateStreamName(instanceId, group));
     else
         RETURN_IF_FAILED(GetStreamName(instanceId, group, lookup == ElementLookup::FindOrAllocate));
-    RETURN_IF_FAILED_QUIET(OpenInstanceStream(instanceId, m_szStreamName, storage, stream));
+    // A stream just allocated is new and empty; AllocateStreamName holds it open.
+    if (m_bElementNew)
+        return S_OK;
+    // A name of the map whose stream is gone gets a new one when written.
+    RETURN_IF_FAILED_QUIET(ReadRecord(instanceId, m_szStreamName, lookup != ElementLookup::Find, m_element));
     return S_OK;
 }
 
-HRESULT FbInstanceData::ReadElementHeader(StreamReader& in, DWORD kind, _bstr_t& name)
+HRESULT FbInstanceData::CheckElementHead(HRESULT read, bool group, const _bstr_t& storedName)
 {
-    const bool group = kind == ElementKindGroup;
-    DWORD version = 0;
-    RETURN_IF_FAILED(in.Read(version));
-    if (version != IDS_STREAM_VERSION)
+    if (read == IDS_E_STREAM_VERSION)
     {
         g_StdPkTraceInstance.Trace(CPkTrace::LevelInfo, group ? "FbInstanceData::ReadGroup invalid version\n"
                                                               : "FbInstanceData::ReadPara invalid version\n");
         return E_FAIL;
     }
-    DWORD storedKind = 0;
-    RETURN_IF_FAILED(in.Read(storedKind));
-    if (storedKind != kind)
+    if (read == IDS_E_NOT_GROUP_STREAM || read == IDS_E_NOT_PARAMETER_STREAM)
     {
         g_StdPkTraceInstance.Trace(CPkTrace::LevelInfo, group ? "FbInstanceData::ReadGroup stream isn't a group\n"
                                                               : "FbInstanceData::ReadPara stream isn't a group\n");
-        return group ? IDS_E_NOT_GROUP_STREAM : IDS_E_NOT_PARAMETER_STREAM;
+        return read;
     }
-    RETURN_IF_FAILED(in.Read(name));
-    if (!SameName(name, m_bstrElementName))
+    RETURN_IF_FAILED(read);
+    if (!SameName(storedName, m_bstrElementName))
     {
         CError::ImplHandleInternal(nullptr, THIS_FILE, __LINE__, 0xAA);
         return E_FAIL;
     }
-    return S_OK;
-}
-
-HRESULT FbInstanceData::WriteElementHeader(StreamWriter& out, DWORD kind)
-{
-    RETURN_IF_FAILED(out.Write(DWORD(IDS_STREAM_VERSION)));
-    RETURN_IF_FAILED(out.Write(kind));
-    RETURN_IF_FAILED(out.Write(m_bstrElementName));
     return S_OK;
 }
 
@@ -207,61 +159,65 @@ HRESULT FbInstanceData::DestroyElementStream(BSTR instanceId, BSTR name, bool gr
 
 HRESULT FbInstanceData::ReadPara(BSTR instanceId, bool readValue, bool readAll)
 {
-    ComPtr<IStorage> storage;
-    ComPtr<IStream> stream;
-    RETURN_IF_FAILED_QUIET(OpenElementStream(instanceId, m_parameter.bstrName, false, ElementLookup::Find,
-                                             storage.GetAddressOf(), stream.GetAddressOf()));
-    StreamReader in(stream.Get());
-    RETURN_IF_FAILED_QUIET(ReadElementHeader(in, ElementKindParameter, m_parameter.bstrName));
-    RETURN_IF_FAILED(in.Read(m_parameter.isLocked));
-    RETURN_IF_FAILED(in.Read(m_parameter.isProtected));
-    RETURN_IF_FAILED(in.Read(m_parameter.isMandatory));
-    RETURN_IF_FAILED(in.Read(m_parameter.isPrivate));
-    if (!readValue && !readAll)
+    RETURN_IF_FAILED_QUIET(OpenElementStream(instanceId, m_parameter.bstrName, false, ElementLookup::Find));
+    ByteReader in(m_element.bytes);
+    const ParameterPart part = readAll ? ParameterPart::Body : readValue ? ParameterPart::Value : ParameterPart::Head;
+    ParameterPart failedAt = ParameterPart::Head;
+    ParameterRecord read;
+    HRESULT hr = ReadParameterRecord(in, read, ParameterPart::Head, failedAt);
+    RETURN_IF_FAILED_QUIET(CheckElementHead(hr, false, read.bstrName));
+    m_element.headEnd = in.Offset();
+    if (part != ParameterPart::Head)
+    {
+        ByteReader body(m_element.bytes);
+        hr = ReadParameterRecord(body, read, part, failedAt);
+        if (failedAt == ParameterPart::Value)
+            RETURN_IF_FAILED_QUIET(WithMessage(hr, "FbInstanceData::ReadPara() ReadFromStream(value) failed\n"));
+        else if (failedAt == ParameterPart::DefaultValue)
+            RETURN_IF_FAILED_QUIET(WithMessage(hr, "FbInstanceData::ReadPara() ReadFromStream(default value) failed\n"));
+        RETURN_IF_FAILED(hr);
+    }
+    // Only what was read replaces the working record.
+    m_parameter.isLocked = read.isLocked;
+    m_parameter.isProtected = read.isProtected;
+    m_parameter.isMandatory = read.isMandatory;
+    m_parameter.isPrivate = read.isPrivate;
+    if (part == ParameterPart::Head)
         return S_OK;
-
-    RETURN_IF_FAILED_QUIET(WithMessage(ReadValue(stream.Get(), m_parameter.value),
-                                       "FbInstanceData::ReadPara() ReadFromStream(value) failed\n"));
-    if (!readAll)
+    VARIANT value = read.value.Detach();
+    m_parameter.value.Attach(value);
+    if (part == ParameterPart::Value)
         return S_OK;
-    RETURN_IF_FAILED_QUIET(WithMessage(ReadValue(stream.Get(), m_parameter.defaultValue),
-                                       "FbInstanceData::ReadPara() ReadFromStream(default value) failed\n"));
-    RETURN_IF_FAILED(in.Read(m_parameter.index));
-    RETURN_IF_FAILED(in.Read(m_parameter.dataType));
-    RETURN_IF_FAILED(in.Read(m_parameter.size));
-    RETURN_IF_FAILED_HR(in.Read(m_parameter.objectType));
+    VARIANT defaultValue = read.defaultValue.Detach();
+    m_parameter.defaultValue.Attach(defaultValue);
+    m_parameter.index = read.index;
+    m_parameter.dataType = read.dataType;
+    m_parameter.size = read.size;
+    m_parameter.objectType = read.objectType;
     return S_OK;
 }
 
 HRESULT FbInstanceData::WritePara(BSTR instanceId, bool writeAll, bool create)
 {
-    ComPtr<IStorage> storage;
-    ComPtr<IStream> stream;
+    // The record is built whole before the stream is touched: a value that
+    // cannot be encoded fails with the stream as it was.
+    ByteWriter out;
+    ParameterPart failedAt = ParameterPart::Head;
+    const HRESULT hr = WriteParameterRecord(out, m_parameter, writeAll, failedAt);
+    if (failedAt == ParameterPart::Value)
+        RETURN_IF_FAILED_QUIET(WithMessage(hr, "FbInstanceData::WritePara() CStreamTool::Write(value) failed\n"));
+    RETURN_IF_FAILED_QUIET(WithMessage(hr, "FbInstanceData::WritePara() CStreamTool::Write(default value) failed\n"));
     RETURN_IF_FAILED_QUIET(OpenElementStream(instanceId, m_parameter.bstrName, false,
-                                             create ? ElementLookup::FindOrAllocate : ElementLookup::Find,
-                                             storage.GetAddressOf(), stream.GetAddressOf()));
-    // Without writeAll only the header is written over the stream's first
-    // bytes: its name was just read from there, so the body keeps its place.
-    if (writeAll)
-        RETURN_IF_FAILED(CStreamTool::SetStreamSize(stream.Get(), 0));
-    StreamWriter out(stream.Get());
-    RETURN_IF_FAILED_QUIET(WriteElementHeader(out, ElementKindParameter));
-    RETURN_IF_FAILED(out.Write(m_parameter.isLocked));
-    RETURN_IF_FAILED(out.Write(m_parameter.isProtected));
-    RETURN_IF_FAILED(out.Write(m_parameter.isMandatory));
-    RETURN_IF_FAILED(out.Write(m_parameter.isPrivate));
-    if (writeAll)
+                                             create ? ElementLookup::FindOrAllocate : ElementLookup::Find));
+    // Without writeAll the new head goes before the body as read: the name
+    // was just read from there, so the body keeps its place.
+    if (!writeAll)
     {
-        RETURN_IF_FAILED_QUIET(WithMessage(out.Write(static_cast<const VARIANT&>(m_parameter.value)),
-                                           "FbInstanceData::WritePara() CStreamTool::Write(value) failed\n"));
-        RETURN_IF_FAILED_QUIET(WithMessage(out.Write(static_cast<const VARIANT&>(m_parameter.defaultValue)),
-                                           "FbInstanceData::WritePara() CStreamTool::Write(default value) failed\n"));
-        RETURN_IF_FAILED(out.Write(m_parameter.index));
-        RETURN_IF_FAILED(out.Write(m_parameter.dataType));
-        RETURN_IF_FAILED(out.Write(m_parameter.size));
-        RETURN_IF_FAILED_HR(out.Write(m_parameter.objectType));
+        const Bytes& old = m_element.bytes;
+        const size_t headEnd = m_element.headEnd < old.size() ? m_element.headEnd : old.size();
+        out.Append(old.data() + headEnd, old.size() - headEnd);
     }
-    RETURN_IF_FAILED(storage->Commit(STGC_DEFAULT));
+    RETURN_IF_FAILED(m_element.Save(out.Buffer()));
     return S_OK;
 }
 
@@ -312,7 +268,7 @@ HRESULT FbInstanceData::ChangeParameterFlag(BSTR instanceId, SAFEARRAY** nameLis
 STDMETHODIMP FbInstanceData::ReadParameter(IFdtContext*, BSTR InstanceID, BSTR Name, VARIANT* ParameterValue)
 {
     STORE_ENTRY();
-    return EXCEPTION_GUARD([&]() -> HRESULT {
+    return STORE_OPERATION([&]() -> HRESULT {
         RETURN_IF_NULL(ParameterValue, E_POINTER);
         m_parameter.bstrName = CopyOf(Name);
         RETURN_IF_FAILED(ReadPara(InstanceID, true, false));
@@ -325,7 +281,7 @@ STDMETHODIMP FbInstanceData::ReadParameter(IFdtContext*, BSTR InstanceID, BSTR N
 STDMETHODIMP FbInstanceData::WriteParameter(IFdtContext*, BSTR InstanceID, BSTR Name, VARIANT ParameterValue)
 {
     STORE_ENTRY();
-    return EXCEPTION_GUARD([&]() -> HRESULT {
+    return STORE_OPERATION([&]() -> HRESULT {
         m_parameter.bstrName = CopyOf(Name);
         RETURN_IF_FAILED(ReadPara(InstanceID, true, true));
         if (SameValue(ParameterValue, m_parameter.value))
@@ -352,7 +308,7 @@ STDMETHODIMP FbInstanceData::WriteParameter(IFdtContext*, BSTR InstanceID, BSTR 
 STDMETHODIMP FbInstanceData::ReadParameterInfo(IFdtContext*, BSTR InstanceID, BSTR Name, IFdtParameter** Parameter)
 {
     STORE_ENTRY();
-    return EXCEPTION_GUARD([&]() -> HRESULT {
+    return STORE_OPERATION([&]() -> HRESULT {
         RETURN_IF_NULL(Parameter, E_POINTER);
         m_parameter.bstrName = CopyOf(Name);
         RETURN_IF_FAILED(ReadPara(InstanceID, true, true));
@@ -376,8 +332,10 @@ STDMETHODIMP FbInstanceData::ReadParameterInfo(IFdtContext*, BSTR InstanceID, BS
 
 STDMETHODIMP FbInstanceData::WriteParameterInfo(IFdtContext*, BSTR InstanceID, IFdtParameter* Parameter)
 {
-    STORE_ENTRY();
-    return EXCEPTION_GUARD([&]() -> HRESULT {
+    STORE_STATE();
+    // The caller's object is read whole before the store is held.
+    ParameterRecord record;
+    const HRESULT read = EXCEPTION_GUARD([&]() -> HRESULT {
         // A null object is refused like every other null argument.
         RETURN_IF_NULL(Parameter, E_POINTER);
         BYTE dataType = 0;
@@ -385,22 +343,32 @@ STDMETHODIMP FbInstanceData::WriteParameterInfo(IFdtContext*, BSTR InstanceID, I
         VARIANT_BOOL isPrivate = VARIANT_FALSE;
         VARIANT_BOOL isProtected = VARIANT_FALSE;
         VARIANT_BOOL isLocked = VARIANT_FALSE;
-        RETURN_IF_FAILED(Parameter->get_m_name(m_parameter.bstrName.GetAddress()));
-        RETURN_IF_FAILED(Parameter->get_m_value(m_parameter.value.GetAddress()));
-        RETURN_IF_FAILED(Parameter->get_m_defaultValue(m_parameter.defaultValue.GetAddress()));
-        RETURN_IF_FAILED(Parameter->get_m_index(&m_parameter.index));
+        RETURN_IF_FAILED(Parameter->get_m_name(record.bstrName.GetAddress()));
+        RETURN_IF_FAILED(Parameter->get_m_value(record.value.GetAddress()));
+        RETURN_IF_FAILED(Parameter->get_m_defaultValue(record.defaultValue.GetAddress()));
+        RETURN_IF_FAILED(Parameter->get_m_index(&record.index));
         RETURN_IF_FAILED(Parameter->get_m_dataType(&dataType));
-        m_parameter.dataType = dataType;
-        RETURN_IF_FAILED(Parameter->get_m_size(&m_parameter.size));
-        RETURN_IF_FAILED(Parameter->get_m_objectType(&m_parameter.objectType));
+        record.dataType = dataType;
+        RETURN_IF_FAILED(Parameter->get_m_size(&record.size));
+        RETURN_IF_FAILED(Parameter->get_m_objectType(&record.objectType));
         RETURN_IF_FAILED(Parameter->get_m_mandatory(&isMandatory));
         RETURN_IF_FAILED(Parameter->get_m_private(&isPrivate));
         RETURN_IF_FAILED(Parameter->get_m_protected(&isProtected));
         RETURN_IF_FAILED(Parameter->get_m_locked(&isLocked));
-        m_parameter.isMandatory = isMandatory != 0;
-        m_parameter.isPrivate = isPrivate != 0;
-        m_parameter.isProtected = isProtected != 0;
-        m_parameter.isLocked = isLocked != 0;
+        record.isMandatory = isMandatory != 0;
+        record.isPrivate = isPrivate != 0;
+        record.isProtected = isProtected != 0;
+        record.isLocked = isLocked != 0;
+        return S_OK;
+    });
+    STORE_LOCK();
+    return STORE_OPERATION([&]() -> HRESULT {
+        RETURN_IF_FAILED_QUIET(read);
+        // The values move over whole: a copy would make a null string empty.
+        m_parameter = record;
+        VARIANT value = record.value.Detach(), defaultValue = record.defaultValue.Detach();
+        m_parameter.value.Attach(value);
+        m_parameter.defaultValue.Attach(defaultValue);
         RETURN_IF_FAILED(WritePara(InstanceID, true, true));
         return S_OK;
     });
@@ -409,13 +377,13 @@ STDMETHODIMP FbInstanceData::WriteParameterInfo(IFdtContext*, BSTR InstanceID, I
 STDMETHODIMP FbInstanceData::DeleteParameter(IFdtContext*, BSTR InstanceID, BSTR Name)
 {
     STORE_ENTRY();
-    return EXCEPTION_GUARD([&]() -> HRESULT { return DestroyElementStream(InstanceID, Name, false); });
+    return STORE_OPERATION([&]() -> HRESULT { return DestroyElementStream(InstanceID, Name, false); });
 }
 
 STDMETHODIMP FbInstanceData::GetAllParameters(IFdtContext* Context, BSTR InstanceID, SAFEARRAY** NameList)
 {
     STORE_ENTRY();
-    return EXCEPTION_GUARD([&]() -> HRESULT { return GetNameList(Context, InstanceID, NameList, false); });
+    return STORE_OPERATION([&]() -> HRESULT { return GetNameList(Context, InstanceID, NameList, false); });
 }
 
 // ------------------------------------------------------------------ lists
@@ -424,7 +392,7 @@ STDMETHODIMP FbInstanceData::ReadList(IFdtContext* Context, BSTR InstanceID, SAF
                                       SAFEARRAY** ParameterValueSequence)
 {
     STORE_ENTRY();
-    return EXCEPTION_GUARD([&]() -> HRESULT {
+    return STORE_OPERATION([&]() -> HRESULT {
         RETURN_IF_NULL(NameList, E_POINTER);
         RETURN_IF_NULL(ParameterValueSequence, E_POINTER);
         ComVectorAccess<BSTR> names;
@@ -448,7 +416,7 @@ STDMETHODIMP FbInstanceData::WriteList(IFdtContext* Context, BSTR InstanceID, SA
                                        SAFEARRAY** ParameterValueSequence)
 {
     STORE_ENTRY();
-    return EXCEPTION_GUARD([&]() -> HRESULT {
+    return STORE_OPERATION([&]() -> HRESULT {
         RETURN_IF_NULL(NameList, E_POINTER);
         RETURN_IF_NULL(ParameterValueSequence, E_POINTER);
         ComVectorAccess<BSTR> names;
@@ -470,27 +438,27 @@ STDMETHODIMP FbInstanceData::WriteList(IFdtContext* Context, BSTR InstanceID, SA
 STDMETHODIMP FbInstanceData::LockParameter(IFdtContext*, BSTR InstanceID, SAFEARRAY** NameList)
 {
     STORE_ENTRY();
-    return EXCEPTION_GUARD(
+    return STORE_OPERATION(
         [&]() -> HRESULT { return ChangeParameterFlag(InstanceID, NameList, &ParameterRecord::isLocked, 0, 1); });
 }
 
 STDMETHODIMP FbInstanceData::UnlockParameter(IFdtContext*, BSTR InstanceID, SAFEARRAY** NameList)
 {
     STORE_ENTRY();
-    return EXCEPTION_GUARD(
+    return STORE_OPERATION(
         [&]() -> HRESULT { return ChangeParameterFlag(InstanceID, NameList, &ParameterRecord::isLocked, 1, 0); });
 }
 
 STDMETHODIMP FbInstanceData::ProtectParameter(IFdtContext*, BSTR InstanceID, SAFEARRAY** NameList)
 {
     STORE_ENTRY();
-    return EXCEPTION_GUARD(
+    return STORE_OPERATION(
         [&]() -> HRESULT { return ChangeParameterFlag(InstanceID, NameList, &ParameterRecord::isProtected, 0, 1); });
 }
 
 STDMETHODIMP FbInstanceData::ReleaseParameter(IFdtContext*, BSTR InstanceID, SAFEARRAY** NameList)
 {
     STORE_ENTRY();
-    return EXCEPTION_GUARD(
+    return STORE_OPERATION(
         [&]() -> HRESULT { return ChangeParameterFlag(InstanceID, NameList, &ParameterRecord::isProtected, 1, 0); });
 }

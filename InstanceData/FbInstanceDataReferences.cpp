@@ -34,7 +34,9 @@ STDMETHODIMP FbInstanceData::AddInstanceDataReference(IFdtContext*, BSTR Instanc
                                                       BSTR InstanceIDsub)
 {
     STORE_ENTRY();
-    return EXCEPTION_GUARD([&]() -> HRESULT {
+    return STORE_OPERATION([&]() -> HRESULT {
+        // Both ends must read before either changes: a failure leaves both as they were.
+        RETURN_IF_FAILED(ReadInstanceStream(InstanceIDsub, false));
         RETURN_IF_FAILED(ReadInstanceStream(InstanceIDsuper, false));
         m_instance.subInstances.push_back({_bstr_t(InstanceIDsub), _bstr_t(ParameterName)});
         RETURN_IF_FAILED(WriteInstanceStream(InstanceIDsuper, false));
@@ -50,7 +52,9 @@ STDMETHODIMP FbInstanceData::RemoveInstanceDataReference(IFdtContext*, BSTR Inst
                                                          BSTR InstanceIDsub)
 {
     STORE_ENTRY();
-    return EXCEPTION_GUARD([&]() -> HRESULT {
+    return STORE_OPERATION([&]() -> HRESULT {
+        // Both ends must read before either changes: a failure leaves both as they were.
+        RETURN_IF_FAILED(ReadInstanceStream(InstanceIDsub, false));
         RETURN_IF_FAILED(ReadInstanceStream(InstanceIDsuper, false));
         auto& list = m_instance.subInstances;
         for (auto entry = list.begin(); entry != list.end(); ++entry)
@@ -76,7 +80,7 @@ STDMETHODIMP FbInstanceData::RemoveInstanceDataReference(IFdtContext*, BSTR Inst
 STDMETHODIMP FbInstanceData::GetSubInstanceData(IFdtContext*, BSTR InstanceIDsuper, SAFEARRAY** InstanceDataRefList)
 {
     STORE_ENTRY();
-    return EXCEPTION_GUARD([&]() -> HRESULT {
+    return STORE_OPERATION([&]() -> HRESULT {
         RETURN_IF_NULL(InstanceDataRefList, E_POINTER);
         RETURN_IF_FAILED(ReadInstanceStream(InstanceIDsuper, false));
         const auto& list = m_instance.subInstances;
@@ -100,7 +104,7 @@ STDMETHODIMP FbInstanceData::GetSuperInstanceData(IFdtContext*, BSTR InstanceIDs
                                                   IFdtInstanceDataRef** InstanceDataRef)
 {
     STORE_ENTRY();
-    return EXCEPTION_GUARD([&]() -> HRESULT {
+    return STORE_OPERATION([&]() -> HRESULT {
         RETURN_IF_NULL(InstanceDataRef, E_POINTER);
         ComPtr<IFdtInstanceDataRef> reference;
         RETURN_IF_FAILED(MakeDataObject<FdtInstanceDataRef>(reference));

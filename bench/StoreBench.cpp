@@ -1,13 +1,16 @@
-// Measures the store's cost per operation as a ratio to the raw storage calls
-// that the operation cannot avoid, and the process's memory.
-//   StoreBench [instances] [parameters]
+// Measures each store operation against the fewest raw storage calls that
+// the same work needs, side by side in one run, for 10, 100 and 1000
+// parameters per instance (or the counts given), and prints the ratios.
+//   StoreBench [parameters...]
 #include <windows.h>
 #include <ole2.h>
 #include <psapi.h>
 #include <comutil.h>
 #include <wrl/client.h>
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <functional>
 #include <string>
 #include <vector>
 #include "FdtInterfaces.h"
@@ -18,12 +21,29 @@ using Microsoft::WRL::ComPtr;
 
 namespace
 {
+const DWORD kStreamMode = STGM_READWRITE | STGM_SHARE_EXCLUSIVE;
+const DWORD kStorageMode = STGM_TRANSACTED | kStreamMode;
+
 double Now()
 {
     static LARGE_INTEGER frequency = [] { LARGE_INTEGER f; QueryPerformanceFrequency(&f); return f; }();
     LARGE_INTEGER counter;
     QueryPerformanceCounter(&counter);
     return static_cast<double>(counter.QuadPart) / frequency.QuadPart;
+}
+
+// Seconds per call of work, the best of three runs of rounds calls each.
+double Time(int rounds, const std::function<void(int)>& work)
+{
+    double best = 1e9;
+    for (int run = 0; run < 3; ++run)
+    {
+        const double start = Now();
+        for (int i = 0; i < rounds; ++i)
+            work(run * rounds + i);
+        best = std::min(best, (Now() - start) / rounds);
+    }
+    return best;
 }
 
 std::wstring Directory()
@@ -41,49 +61,272 @@ void Register(const std::wstring& file)
         library->Release();
 }
 
-size_t PeakMemory()
+_bstr_t Name(int p)
 {
-    PROCESS_MEMORY_COUNTERS counters = {};
-    GetProcessMemoryInfo(GetCurrentProcess(), &counters, sizeof counters);
-    return counters.PeakWorkingSetSize;
+    wchar_t name[32];
+    swprintf(name, 32, L"P%d", p);
+    return name;
 }
 
-// The raw calls one parameter write needs: open the stream in the instance
-// sub-storage, rewrite it, commit the sub-storage. With reopen the
-// sub-storage (transacted) is opened for every write, as an alternation
-// between two instances forces it; otherwise once, as the store's cache keeps it.
-double RawWrite(IStorage* root, const wchar_t* instance, const wchar_t* stream, int rounds, bool reopen)
+std::wstring Number(unsigned n)
 {
-    ComPtr<IStorage> storage;
-    const double start = Now();
-    for (int i = 0; i < rounds; ++i)
+    return std::to_wstring(n);
+}
+
+SAFEARRAY* Strings(int count)
+{
+    SAFEARRAY* array = SafeArrayCreateVector(VT_BSTR, 0, count);
+    for (LONG i = 0; i < count; ++i)
+        SafeArrayPutElement(array, &i, static_cast<BSTR>(Name(i)));
+    return array;
+}
+
+SAFEARRAY* Values(int count, long value)
+{
+    SAFEARRAY* array = SafeArrayCreateVector(VT_VARIANT, 0, count);
+    for (LONG i = 0; i < count; ++i)
     {
-        if (reopen || !storage)
-        {
-            storage.Reset();
-            root->OpenStorage(instance, nullptr, STGM_TRANSACTED | STGM_READWRITE | STGM_SHARE_EXCLUSIVE, nullptr, 0,
-                              storage.GetAddressOf());
-        }
-        ComPtr<IStream> data;
-        if (!storage)
-            return -1;
-        storage->OpenStream(stream, nullptr, STGM_READWRITE | STGM_SHARE_EXCLUSIVE, 0, data.GetAddressOf());
-        if (!data)
-            return -1;
-        ULARGE_INTEGER zero = {};
-        data->SetSize(zero);
-        const unsigned char record[64] = {1};
-        data->Write(record, sizeof record, nullptr);
+        _variant_t v(value + i);
+        SafeArrayPutElement(array, &i, &v);
+    }
+    return array;
+}
+
+// ------------------------------------------------------------ raw calls
+
+// One record stream: open, read whole; written back: seek, write; commit.
+struct Raw
+{
+    IStorage* storage;
+    BYTE buffer[4096];
+
+    ULONG Read(const wchar_t* name, ComPtr<IStream>& stream)
+    {
+        ULONG read = 0;
+        storage->OpenStream(name, nullptr, kStreamMode, 0, stream.ReleaseAndGetAddressOf());
+        if (stream)
+            stream->Read(buffer, sizeof buffer, &read);
+        return read;
+    }
+    void ReadOnly(const wchar_t* name)
+    {
+        ComPtr<IStream> stream;
+        Read(name, stream);
+    }
+    void Rewrite(const wchar_t* name)
+    {
+        ComPtr<IStream> stream;
+        const ULONG size = Read(name, stream);
+        if (!stream)
+            return;
+        LARGE_INTEGER zero = {};
+        stream->Seek(zero, STREAM_SEEK_SET, nullptr);
+        stream->Write(buffer, size, nullptr);
         storage->Commit(STGC_DEFAULT);
     }
-    return (Now() - start) / rounds;
+};
+
+void RawWriteNew(IStorage* storage, const wchar_t* name, ULONG size)
+{
+    static const BYTE record[256] = {1};
+    ComPtr<IStream> stream;
+    storage->CreateStream(name, kStreamMode | STGM_CREATE, 0, 0, stream.GetAddressOf());
+    if (stream)
+        stream->Write(record, size, nullptr);
+}
+
+struct Row
+{
+    const char* operation;
+    const char* raw;
+    double store;
+    double baseline;
+};
+
+void Print(int parameters, const std::vector<Row>& rows)
+{
+    printf("\n%d parameters per instance\n", parameters);
+    printf("%-30s %10s %10s %7s  %s\n", "operation", "store ms", "raw ms", "ratio", "fewest raw calls");
+    for (const Row& row : rows)
+        printf("%-30s %10.3f %10.3f %6.2fx  %s\n", row.operation, row.store * 1000, row.baseline * 1000,
+               row.baseline > 0 ? row.store / row.baseline : 0.0, row.raw);
+}
+
+// Runs every measurement on a new store file holding one instance of
+// parameters parameters and one group of all of them.
+bool Measure(IFbInstanceData* store, IInstanceDataMgr* manager, const std::wstring& file, int parameters)
+{
+    DeleteFileW(file.c_str());
+    ComPtr<IStorage> root;
+    if (FAILED(manager->OpenStorage(_bstr_t(file.c_str()), root.GetAddressOf())))
+        return false;
+    ComPtr<IFdtDtmDescriptor> dtm;
+    ComPtr<IFdtCommunicationDescriptor> comm;
+    dtm.Attach(new frame::DtmDescriptor(1, 0, L"Bench device", L"Bench node"));
+    comm.Attach(new frame::CommunicationDescriptor(1, L"Bench"));
+    std::vector<Row> rows;
+    const int rounds = parameters >= 1000 ? 3 : 10;
+    const int many = 300;   // rounds of the calls that cost a few microseconds
+
+    // Create, against: read and write the administration record, make the
+    // storage and its four streams, commit it.
+    unsigned rawNumber = 100000;
+    Row create{"Create", "admin read+write, storage, 4 new streams, commit"};
+    create.store = Time(rounds, [&](int) {
+        _bstr_t id;
+        store->Create(nullptr, dtm.Get(), comm.Get(), id.GetAddress());
+    });
+    create.baseline = Time(rounds, [&](int) {
+        Raw admin{root.Get()};
+        ComPtr<IStream> stream;
+        const ULONG size = admin.Read(L"admin", stream);
+        ComPtr<IStorage> storage;
+        root->CreateStorage(Number(rawNumber++).c_str(), kStorageMode | STGM_FAILIFTHERE, 0, 0, storage.GetAddressOf());
+        if (!storage || !stream)
+            return;
+        for (const wchar_t* name : {L"instance", L"map", L"dtm", L"comm"})
+            RawWriteNew(storage.Get(), name, 40);
+        storage->Commit(STGC_DEFAULT);
+        LARGE_INTEGER zero = {};
+        stream->Seek(zero, STREAM_SEEK_SET, nullptr);
+        stream->Write(admin.buffer, size, nullptr);
+    });
+    rows.push_back(create);
+
+    // The measured instance, its twin for the raw calls (the store keeps its
+    // own open, the twin is opened here beside it), and a scratch instance
+    // for the raw definitions.
+    _bstr_t id, twin, scratch;
+    store->Create(nullptr, dtm.Get(), comm.Get(), id.GetAddress());
+    store->Create(nullptr, dtm.Get(), comm.Get(), twin.GetAddress());
+    store->Create(nullptr, dtm.Get(), comm.Get(), scratch.GetAddress());
+    int defined = 0;
+    const auto defineAll = [&](const _bstr_t& instance) {
+        for (int p = 0; p < parameters; ++p)
+        {
+            ComPtr<IFdtParameter> description;
+            description.Attach(new frame::ParameterDescription(Name(p), _variant_t(0L), _variant_t(0L), VT_I4));
+            defined += SUCCEEDED(store->WriteParameterInfo(nullptr, instance, description.Get()));
+        }
+    };
+    Row define{"WriteParameterInfo (new)", "new stream+write, map open+write, commit"};
+    double start = Now();
+    defineAll(id);
+    define.store = (Now() - start) / parameters;
+    defineAll(twin);
+    SAFEARRAY* all = Strings(parameters);
+    store->DefineGroup(nullptr, id, _bstr_t(L"G"), 1, &all);
+    store->DefineGroup(nullptr, twin, _bstr_t(L"G"), 1, &all);
+    store->LockInstance(nullptr, id);   // the store's cache holds the measured instance
+    ComPtr<IStorage> twinStorage, scratchStorage;
+    if (FAILED(root->OpenStorage(twin, nullptr, kStorageMode, nullptr, 0, twinStorage.GetAddressOf())) ||
+        FAILED(root->OpenStorage(scratch, nullptr, kStorageMode, nullptr, 0, scratchStorage.GetAddressOf())))
+        return false;
+    Raw raw{twinStorage.Get()};
+    start = Now();
+    for (int p = 0; p < parameters; ++p)
+    {
+        RawWriteNew(scratchStorage.Get(), Number(p).c_str(), 60);
+        ComPtr<IStream> map;
+        scratchStorage->OpenStream(L"map", nullptr, kStreamMode, 0, map.GetAddressOf());
+        if (map)
+            map->Write(raw.buffer, 20 + 16 * p < 4096 ? 20 + 16 * p : 4096, nullptr);
+        scratchStorage->Commit(STGC_DEFAULT);
+    }
+    define.baseline = (Now() - start) / parameters;
+    rows.push_back(define);
+
+    std::vector<std::wstring> streams;
+    for (int p = 0; p < parameters; ++p)
+        streams.push_back(Number(p));
+    Row write{"WriteParameter (new value)", "stream open+read, seek+write, commit"};
+    write.store = Time(rounds * 10, [&](int i) {
+        store->WriteParameter(nullptr, id, Name(i % parameters), _variant_t(static_cast<long>(i + 1)));
+    });
+    write.baseline = Time(rounds * 10, [&](int i) { raw.Rewrite(streams[i % parameters].c_str()); });
+    rows.push_back(write);
+
+    Row read{"ReadParameter", "stream open+read"};
+    read.store = Time(many, [&](int i) {
+        _variant_t value;
+        store->ReadParameter(nullptr, id, Name(i % parameters), value.GetAddress());
+    });
+    read.baseline = Time(many, [&](int i) { raw.ReadOnly(streams[i % parameters].c_str()); });
+    rows.push_back(read);
+
+    Row readList{"ReadList (all)", "N x stream open+read"};
+    readList.store = Time(rounds, [&](int) {
+        SAFEARRAY* values = nullptr;
+        store->ReadList(nullptr, id, &all, &values);
+        if (values)
+            SafeArrayDestroy(values);
+    });
+    readList.baseline = Time(rounds, [&](int) {
+        for (const std::wstring& name : streams)
+            raw.ReadOnly(name.c_str());
+    });
+    rows.push_back(readList);
+
+    Row writeList{"WriteList (all, new values)", "N x (open+read, seek+write, commit)"};
+    writeList.store = Time(rounds, [&](int i) {
+        SAFEARRAY* values = Values(parameters, 1000 * (i + 1));
+        store->WriteList(nullptr, id, &all, &values);
+        SafeArrayDestroy(values);
+    });
+    writeList.baseline = Time(rounds, [&](int) {
+        for (const std::wstring& name : streams)
+            raw.Rewrite(name.c_str());
+    });
+    rows.push_back(writeList);
+
+    Row readGroup{"ReadGroup (all)", "group open+read, N x stream open+read"};
+    const std::wstring groupStream = Number(parameters);
+    readGroup.store = Time(rounds, [&](int) {
+        SAFEARRAY* values = nullptr;
+        store->ReadGroup(nullptr, id, _bstr_t(L"G"), &values);
+        if (values)
+            SafeArrayDestroy(values);
+    });
+    readGroup.baseline = Time(rounds, [&](int) {
+        raw.ReadOnly(groupStream.c_str());
+        for (const std::wstring& name : streams)
+            raw.ReadOnly(name.c_str());
+    });
+    rows.push_back(readGroup);
+
+    Row list{"GetInstanceDataList", "one enumeration of the root"};
+    list.store = Time(many, [&](int) {
+        SAFEARRAY* ids = nullptr;
+        store->GetInstanceDataList(nullptr, &ids);
+        if (ids)
+            SafeArrayDestroy(ids);
+    });
+    list.baseline = Time(many, [&](int) {
+        ComPtr<IEnumSTATSTG> elements;
+        root->EnumElements(0, nullptr, 0, elements.GetAddressOf());
+        STATSTG batch[64];
+        ULONG fetched = 0;
+        while (elements && SUCCEEDED(elements->Next(64, batch, &fetched)) && fetched)
+            for (ULONG k = 0; k < fetched; ++k)
+                CoTaskMemFree(batch[k].pwcsName);
+    });
+    rows.push_back(list);
+
+    SafeArrayDestroy(all);
+    if (defined != parameters * 2)
+        printf("(only %d of %d parameter definitions succeeded)\n", defined, parameters * 2);
+    Print(parameters, rows);
+    return true;
 }
 }  // namespace
 
 int main(int argc, char** argv)
 {
-    const int instances = argc > 1 ? atoi(argv[1]) : 20;
-    const int parameters = argc > 2 ? atoi(argv[2]) : 10;
+    std::vector<int> counts;
+    for (int i = 1; i < argc; ++i)
+        counts.push_back(atoi(argv[i]));
+    if (counts.empty())
+        counts = {10, 100, 1000};
     CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED);
     const std::wstring directory = Directory();
     Register(directory + L"FdtInterfaces.tlb");
@@ -91,7 +334,7 @@ int main(int argc, char** argv)
 
     HMODULE module = LoadLibraryW((directory + L"InstanceData.dll").c_str());
     auto getClassObject = reinterpret_cast<HRESULT(WINAPI*)(REFCLSID, REFIID, void**)>(
-        GetProcAddress(module, "DllGetClassObject"));
+        reinterpret_cast<void*>(GetProcAddress(module, "DllGetClassObject")));
     ComPtr<IClassFactory> factory;
     ComPtr<IFbInstanceData> store;
     ComPtr<IInstanceDataMgr> manager;
@@ -101,114 +344,14 @@ int main(int argc, char** argv)
         fprintf(stderr, "cannot create the store\n");
         return 1;
     }
-    const std::wstring file = directory + L"bench.stg";
-    DeleteFileW(file.c_str());
-    ComPtr<IStorage> root;
-    if (FAILED(manager->OpenStorage(_bstr_t(file.c_str()), &root)))
-        return 1;
-
-    // Descriptors of the frame's own, as a frame passes them.
-    ComPtr<IFdtDtmDescriptor> dtm;
-    ComPtr<IFdtCommunicationDescriptor> comm;
-    dtm.Attach(new frame::DtmDescriptor(1, 0, L"Bench device", L"Bench node"));
-    comm.Attach(new frame::CommunicationDescriptor(1, L"Bench"));
-
-    std::vector<_bstr_t> ids;
-    double start = Now();
-    for (int i = 0; i < instances; ++i)
-    {
-        _bstr_t id;
-        if (FAILED(store->Create(nullptr, dtm.Get(), comm.Get(), id.GetAddress())))
-            break;
-        ids.push_back(id);
-    }
-    const double createTime = (Now() - start) / (ids.empty() ? 1 : ids.size());
-
-    printf("instances %d, parameters per instance %d\n", instances, parameters);
-    printf("Create                      %8.3f ms per instance\n", createTime * 1000);
-    if (ids.empty())
-    {
-        printf("(Create failed: nothing more to measure)\n");
-        return 1;
-    }
-
-    // Parameters are defined with a frame's own description objects, then
-    // written with new values (each write rewrites the record and commits
-    // the instance storage) and read back.
-    start = Now();
-    for (const _bstr_t& id : ids)
-        for (int p = 0; p < parameters; ++p)
-        {
-            wchar_t name[32];
-            swprintf(name, 32, L"P%d", p);
-            ComPtr<IFdtParameter> description;
-            description.Attach(new frame::ParameterDescription(name, _variant_t(0L), _variant_t(0L), VT_I4));
-            store->WriteParameterInfo(nullptr, id, description.Get());
-        }
-    const double defineTime = (Now() - start) / (ids.size() * parameters);
-    printf("WriteParameterInfo (define) %8.3f ms per parameter\n", defineTime * 1000);
-
-    int written = 0;
-    start = Now();
-    for (const _bstr_t& id : ids)
-        for (int p = 0; p < parameters; ++p)
-        {
-            wchar_t name[32];
-            swprintf(name, 32, L"P%d", p);
-            if (SUCCEEDED(store->WriteParameter(nullptr, id, _bstr_t(name), _variant_t(static_cast<long>(p + 1)))))
-                ++written;
-        }
-    const double writeTime = written ? (Now() - start) / written : 0;
-
-    start = Now();
-    int read = 0;
-    for (const _bstr_t& id : ids)
-        for (int p = 0; p < parameters; ++p)
-        {
-            wchar_t name[32];
-            swprintf(name, 32, L"P%d", p);
-            _variant_t value;
-            if (SUCCEEDED(store->ReadParameter(nullptr, id, _bstr_t(name), value.GetAddress())))
-                ++read;
-        }
-    const double readTime = read ? (Now() - start) / read : 0;
-
-    // Raw reference on a scratch instance, so that the store's cache keeps its own.
-    _bstr_t scratch;
-    store->Create(nullptr, dtm.Get(), comm.Get(), scratch.GetAddress());
-    store->LockInstance(nullptr, ids.front());   // moves the store's cache off the scratch instance
-    const double raw = RawWrite(root.Get(), scratch, L"map", 50, false);
-    const double rawReopen = RawWrite(root.Get(), scratch, L"map", 20, true);
-    printf("raw write+commit            %8.3f ms per write (sub-storage open: %.3f ms more)\n", raw * 1000,
-           (rawReopen - raw) * 1000);
-    if (written)
-        printf("WriteParameter              %8.3f ms per write (%.2f x raw; the writes go instance by instance,\n"
-               "                            so the store's cache keeps each sub-storage open)\n",
-               writeTime * 1000, writeTime / raw);
-    else
-        printf("WriteParameter              not measured (no parameter defined)\n");
-    if (read)
-        printf("ReadParameter               %8.3f ms per read\n", readTime * 1000);
-
-    start = Now();
-    SAFEARRAY* list = nullptr;
-    const int listRounds = 20;
-    for (int i = 0; i < listRounds; ++i)
-    {
-        if (list)
-            SafeArrayDestroy(list);
-        list = nullptr;
-        store->GetInstanceDataList(nullptr, &list);
-    }
-    if (list)
-        SafeArrayDestroy(list);
-    printf("GetInstanceDataList         %8.3f ms per call\n", (Now() - start) / listRounds * 1000);
-
-    start = Now();
-    root->Commit(STGC_DEFAULT);
-    printf("root commit                 %8.3f ms\n", (Now() - start) * 1000);
-    printf("peak working set            %8.1f MiB\n", PeakMemory() / 1048576.0);
-    root.Reset();
+    printf("Store operations against the fewest raw storage calls for the same work (best of 3 runs).\n");
+    for (int parameters : counts)
+        if (!Measure(store.Get(), manager.Get(), directory + L"bench-" + std::to_wstring(parameters) + L".stg",
+                     parameters))
+            fprintf(stderr, "cannot measure %d parameters\n", parameters);
+    PROCESS_MEMORY_COUNTERS counters = {};
+    GetProcessMemoryInfo(GetCurrentProcess(), &counters, sizeof counters);
+    printf("\npeak working set %.1f MiB\n", counters.PeakWorkingSetSize / 1048576.0);
     manager.Reset();
     store.Reset();
     factory.Reset();

@@ -2,7 +2,7 @@
 # Installs the Debian packages that the build and the tests need, when missing.
 set -euo pipefail
 packages=(g++-mingw-w64-x86-64 g++-mingw-w64-i686 mingw-w64-tools libwine-dev wine64 wine
-          googletest cmake python3-olefile xvfb xauth)
+          googletest cmake ccache python3-olefile xvfb xauth)
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")

@@ -108,7 +108,7 @@ TEST_F(Groups, ANameIsAGroupOrAParameterForGood)
     ASSERT_EQ(S_OK, Store()->DeleteGroup(nullptr, m_id, _bstr_t(L"g")));
     EXPECT_EQ(kNameExists, DefineGroup(L"g", 1, {L"p"}));
     EXPECT_EQ(E_FAIL, Define(L"g", _variant_t(1L)));
-    EXPECT_EQ(E_FAIL, GroupId(L"g", &id));
+    EXPECT_EQ(STG_E_FILENOTFOUND, GroupId(L"g", &id));
     EXPECT_EQ((Names{L"g"}), All(&IFbInstanceData::GetAllGroups));
     EXPECT_EQ(kNameUnknown, Store()->DeleteGroup(nullptr, m_id, _bstr_t(L"none")));
 }

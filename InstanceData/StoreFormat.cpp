@@ -1,0 +1,316 @@
+#include "InstanceData/StoreFormat.h"
+
+// Gives hr back when it failed; the formats report, the callers trace.
+#define READ_OR_RETURN(expr)          \
+    do                                \
+    {                                 \
+        const HRESULT hr_ = (expr);   \
+        if (FAILED(hr_))              \
+            return hr_;               \
+    } while (0)
+
+static_assert(sizeof(AdminRecord) == 8, "the administration stream is exactly 8 bytes");
+
+namespace
+{
+HRESULT ReadVersion(ByteReader& in)
+{
+    DWORD version = 0;
+    READ_OR_RETURN(in.Read(version));
+    return version == IDS_STREAM_VERSION ? S_OK : IDS_E_STREAM_VERSION;
+}
+
+void WriteVersion(ByteWriter& out)
+{
+    out.Write(DWORD(IDS_STREAM_VERSION));
+}
+
+void WriteElementHead(ByteWriter& out, DWORD kind, const _bstr_t& name)
+{
+    WriteVersion(out);
+    out.Write(kind);
+    out.Write(name);
+}
+}  // namespace
+
+void CopyName(WCHAR (&target)[32], const WCHAR* text)
+{
+    lstrcpynW(target, text ? text : L"", 32);
+}
+
+bool SameElementName(const WCHAR* left, const WCHAR* right)
+{
+    return CompareStringOrdinal(left ? left : L"", -1, right ? right : L"", -1, TRUE) == CSTR_EQUAL;
+}
+
+DWORD InstanceNumberOf(const WCHAR* name)
+{
+    if (!name || name[0] < L'1' || name[0] > L'9')
+        return 0;
+    ULONGLONG number = 0;
+    for (const WCHAR* digit = name; *digit; ++digit)
+    {
+        if (*digit < L'0' || *digit > L'9')
+            return 0;
+        number = number * 10 + static_cast<ULONGLONG>(*digit - L'0');
+        if (number > MAXDWORD)
+            return 0;
+    }
+    return static_cast<DWORD>(number);
+}
+
+// ------------------------------------------------------------ administration
+
+HRESULT ReadAdminRecord(ByteReader& in, AdminRecord& record)
+{
+    AdminRecord read;
+    READ_OR_RETURN(in.Read(read.version));
+    READ_OR_RETURN(in.Read(read.nextInstanceNumber));
+    record = read;
+    return S_OK;
+}
+
+void WriteAdminRecord(ByteWriter& out, const AdminRecord& record)
+{
+    out.Write(record.version);
+    out.Write(record.nextInstanceNumber);
+}
+
+// ---------------------------------------------------------- stream name map
+
+bool ElementNameLess::operator()(const _bstr_t& left, const _bstr_t& right) const
+{
+    const WCHAR* a = left;
+    const WCHAR* b = right;
+    if (!a || !b)
+        return !a && b;
+    for (;; ++a, ++b)
+    {
+        const unsigned ua = static_cast<unsigned short>(*a), ub = static_cast<unsigned short>(*b);
+        if (ua != ub)
+            return ua < ub;
+        if (ua == 0)
+            return false;
+    }
+}
+
+void StreamNameMapRecord::Clear()
+{
+    nextStreamNumber = 0;
+    szInstanceId[0] = L'\0';
+    entries.clear();
+}
+
+HRESULT ReadStreamNameMapRecord(ByteReader& in, StreamNameMapRecord& record)
+{
+    READ_OR_RETURN(ReadVersion(in));
+    DWORD count = 0;
+    READ_OR_RETURN(in.Read(record.nextStreamNumber));
+    READ_OR_RETURN(in.Read(count));
+    // Entries are added as they are read, never sized from the count: a
+    // damaged count then ends at the buffer's end.
+    for (DWORD i = 0; i < count; ++i)
+    {
+        _bstr_t name;
+        StreamNameEntry entry;
+        READ_OR_RETURN(in.Read(name));
+        READ_OR_RETURN(in.Read(entry.kind));
+        READ_OR_RETURN(in.Read(entry.number));
+        record.entries[name] = entry;
+    }
+    return S_OK;
+}
+
+void WriteStreamNameMapRecord(ByteWriter& out, const StreamNameMapRecord& record)
+{
+    WriteVersion(out);
+    out.Write(record.nextStreamNumber);
+    out.Write(static_cast<DWORD>(record.entries.size()));
+    for (const auto& entry : record.entries)
+    {
+        out.Write(entry.first);
+        out.Write(entry.second.kind);
+        out.Write(entry.second.number);
+    }
+}
+
+// ------------------------------------------------------------------ instance
+
+void InstanceRecord::Reset()
+{
+    lockCount = 0;
+    bstrSuperInstanceId = _bstr_t();
+    bstrSuperParameterName = _bstr_t();
+    subInstances.clear();
+}
+
+HRESULT ReadInstanceRecord(ByteReader& in, InstanceRecord& record, bool headOnly)
+{
+    READ_OR_RETURN(ReadVersion(in));
+    READ_OR_RETURN(in.Read(record.lockCount));
+    if (headOnly)
+        return S_OK;
+    record.bstrSuperInstanceId = _bstr_t();
+    READ_OR_RETURN(in.Read(record.bstrSuperInstanceId));
+    record.bstrSuperParameterName = _bstr_t();
+    READ_OR_RETURN(in.Read(record.bstrSuperParameterName));
+    DWORD count = 0;
+    READ_OR_RETURN(in.Read(count));
+    record.subInstances.clear();
+    for (DWORD i = 0; i < count; ++i)
+    {
+        record.subInstances.emplace_back();
+        SubInstanceRef& entry = record.subInstances.back();
+        READ_OR_RETURN(in.Read(entry.bstrInstanceId));
+        READ_OR_RETURN(in.Read(entry.bstrParameterName));
+    }
+    return S_OK;
+}
+
+void WriteInstanceRecord(ByteWriter& out, const InstanceRecord& record, bool headOnly)
+{
+    WriteVersion(out);
+    out.Write(record.lockCount);
+    if (headOnly)
+        return;
+    out.Write(record.bstrSuperInstanceId);
+    out.Write(record.bstrSuperParameterName);
+    out.Write(static_cast<DWORD>(record.subInstances.size()));
+    for (const SubInstanceRef& entry : record.subInstances)
+    {
+        out.Write(entry.bstrInstanceId);
+        out.Write(entry.bstrParameterName);
+    }
+}
+
+// --------------------------------------------------------------- descriptors
+
+HRESULT ReadDtmDescriptorRecord(ByteReader& in, DtmDescriptorRecord& record)
+{
+    READ_OR_RETURN(ReadVersion(in));
+    READ_OR_RETURN(in.Read(record.category));
+    READ_OR_RETURN(in.Read(record.classification));
+    READ_OR_RETURN(in.Read(record.device));
+    READ_OR_RETURN(in.Read(record.node));
+    READ_OR_RETURN(in.Read(record.application));
+    READ_OR_RETURN(in.Read(record.language));
+    return S_OK;
+}
+
+void WriteDtmDescriptorRecord(ByteWriter& out, const DtmDescriptorRecord& record)
+{
+    WriteVersion(out);
+    out.Write(record.category);
+    out.Write(record.classification);
+    out.Write(record.device);
+    out.Write(record.node);
+    out.Write(record.application);
+    out.Write(record.language);
+}
+
+HRESULT ReadCommDescriptorRecord(ByteReader& in, CommDescriptorRecord& record)
+{
+    READ_OR_RETURN(ReadVersion(in));
+    READ_OR_RETURN(in.Read(record.category));
+    READ_OR_RETURN(in.Read(record.name));
+    return S_OK;
+}
+
+void WriteCommDescriptorRecord(ByteWriter& out, const CommDescriptorRecord& record)
+{
+    WriteVersion(out);
+    out.Write(record.category);
+    out.Write(record.name);
+}
+
+// ------------------------------------------------------ parameters and groups
+
+HRESULT ReadElementHead(ByteReader& in, DWORD kind, _bstr_t& name)
+{
+    READ_OR_RETURN(ReadVersion(in));
+    DWORD storedKind = 0;
+    READ_OR_RETURN(in.Read(storedKind));
+    if (storedKind != kind)
+        return kind == ElementKindGroup ? IDS_E_NOT_GROUP_STREAM : IDS_E_NOT_PARAMETER_STREAM;
+    return in.Read(name);
+}
+
+HRESULT ReadParameterRecord(ByteReader& in, ParameterRecord& record, ParameterPart part, ParameterPart& failedAt)
+{
+    failedAt = ParameterPart::Head;
+    READ_OR_RETURN(ReadElementHead(in, ElementKindParameter, record.bstrName));
+    READ_OR_RETURN(in.Read(record.isLocked));
+    READ_OR_RETURN(in.Read(record.isProtected));
+    READ_OR_RETURN(in.Read(record.isMandatory));
+    READ_OR_RETURN(in.Read(record.isPrivate));
+    if (part == ParameterPart::Head)
+        return S_OK;
+    failedAt = ParameterPart::Value;
+    READ_OR_RETURN(in.ReadValue(record.value));
+    if (part == ParameterPart::Value)
+        return S_OK;
+    failedAt = ParameterPart::DefaultValue;
+    READ_OR_RETURN(in.ReadValue(record.defaultValue));
+    failedAt = ParameterPart::Body;
+    READ_OR_RETURN(in.Read(record.index));
+    READ_OR_RETURN(in.Read(record.dataType));
+    READ_OR_RETURN(in.Read(record.size));
+    READ_OR_RETURN(in.Read(record.objectType));
+    return S_OK;
+}
+
+HRESULT WriteParameterRecord(ByteWriter& out, const ParameterRecord& record, bool withBody, ParameterPart& failedAt)
+{
+    ByteWriter built;
+    WriteElementHead(built, ElementKindParameter, record.bstrName);
+    built.Write(record.isLocked);
+    built.Write(record.isProtected);
+    built.Write(record.isMandatory);
+    built.Write(record.isPrivate);
+    if (withBody)
+    {
+        failedAt = ParameterPart::Value;
+        READ_OR_RETURN(built.WriteValue(record.value));
+        failedAt = ParameterPart::DefaultValue;
+        READ_OR_RETURN(built.WriteValue(record.defaultValue));
+        built.Write(record.index);
+        built.Write(record.dataType);
+        built.Write(record.size);
+        built.Write(record.objectType);
+    }
+    out.Append(built.Buffer().data(), built.Buffer().size());
+    return S_OK;
+}
+
+HRESULT ReadGroupRecord(ByteReader& in, GroupRecord& record, bool withMembers)
+{
+    _bstr_t storedName;
+    READ_OR_RETURN(ReadElementHead(in, ElementKindGroup, storedName));
+    record.bstrName = storedName;
+    DWORD groupId = 0;
+    READ_OR_RETURN(in.Read(groupId));
+    record.groupId = static_cast<BYTE>(groupId);
+    if (!withMembers)
+        return S_OK;
+    DWORD count = 0;
+    READ_OR_RETURN(in.Read(count));
+    record.members.clear();
+    for (DWORD i = 0; i < count; ++i)
+    {
+        _bstr_t member;
+        READ_OR_RETURN(in.Read(member));
+        record.members.push_back(member);
+    }
+    return S_OK;
+}
+
+void WriteGroupRecord(ByteWriter& out, const GroupRecord& record, bool withMembers)
+{
+    WriteElementHead(out, ElementKindGroup, record.bstrName);
+    out.Write(DWORD(record.groupId));
+    if (!withMembers)
+        return;
+    out.Write(static_cast<DWORD>(record.members.size()));
+    for (const _bstr_t& member : record.members)
+        out.Write(member);
+}
