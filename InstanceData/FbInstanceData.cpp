@@ -212,6 +212,7 @@ void FbInstanceData::CloseStorage()
 
 STDMETHODIMP FbInstanceData::GetStorage(IStorage** ppIStorage)
 {
+    STORE_LOCK();
     return EXCEPTION_GUARD([&]() -> HRESULT {
         if (!ppIStorage)
             return E_POINTER;
@@ -226,6 +227,7 @@ STDMETHODIMP FbInstanceData::GetStorage(IStorage** ppIStorage)
 
 STDMETHODIMP FbInstanceData::GetStoragePath(BSTR* pbstrPath)
 {
+    STORE_LOCK();
     return EXCEPTION_GUARD([&]() -> HRESULT {
         if (!pbstrPath)
             return TraceErrorLine(THIS_FILE, __LINE__, E_POINTER);

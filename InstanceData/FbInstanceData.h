@@ -13,9 +13,20 @@
 #include "PK_ComVector.h"
 #include "InstanceData/StoreFormat.h"
 #include "Common/ErrorTrace.h"
+#include "StoreLock.h"
 
 // Makes the module's own state current for the rest of an interface operation.
-#define STORE_ENTRY() AFX_MANAGE_STATE(AfxGetStaticModuleState())
+#define STORE_STATE() AFX_MANAGE_STATE(AfxGetStaticModuleState())
+
+// Holds the store's working state for the calling thread for the rest of an
+// interface operation (every apartment of the process shares the store). An
+// operation that reads the caller's objects reads them before: they may be
+// proxies into an apartment that is itself waiting for the store.
+#define STORE_LOCK() StoreLock storeLock_
+
+#define STORE_ENTRY() \
+    STORE_STATE();    \
+    STORE_LOCK()
 
 // IInstanceDataMgr is described by the module's own library INSTANCEDATALib.
 template <>

@@ -201,7 +201,17 @@ HRESULT FbInstanceData::CreateInstanceStorage(DWORD& number, ComPtr<IStorage>& s
 STDMETHODIMP FbInstanceData::Create(IFdtContext*, IFdtDtmDescriptor* DtmDescriptor,
                                     IFdtCommunicationDescriptor* CommunicationDescriptor, BSTR* InstanceID)
 {
-    STORE_ENTRY();
+    STORE_STATE();
+    // The caller's descriptors are read first, before the store is held:
+    // nothing is written for descriptors that cannot be read.
+    DtmDescriptorRecord dtm;
+    CommDescriptorRecord comm;
+    HRESULT dtmRead = E_POINTER, commRead = E_POINTER;
+    if (InstanceID)
+        dtmRead = EXCEPTION_GUARD([&]() -> HRESULT { return DescriptorRecordOf(DtmDescriptor, dtm); });
+    if (SUCCEEDED(dtmRead))
+        commRead = EXCEPTION_GUARD([&]() -> HRESULT { return DescriptorRecordOf(CommunicationDescriptor, comm); });
+    STORE_LOCK();
     return STORE_OPERATION([&]() -> HRESULT {
         RETURN_IF_NULL(InstanceID, E_POINTER);
         if (!StorageReady())
@@ -209,17 +219,13 @@ STDMETHODIMP FbInstanceData::Create(IFdtContext*, IFdtDtmDescriptor* DtmDescript
             g_StdPkTraceInstance.Trace(CPkTrace::LevelInfo, "FbInstanceData::Create storage not init\n");
             return E_FAIL;
         }
-        // The caller's descriptors are read first: nothing is written for
-        // descriptors that cannot be read.
-        DtmDescriptorRecord dtm;
-        CommDescriptorRecord comm;
-        HRESULT hr = DescriptorRecordOf(DtmDescriptor, dtm);
+        HRESULT hr = dtmRead;
         if (FAILED(hr))
         {
             g_StdPkTraceInstance.Trace(CPkTrace::LevelInfo, "FbInstanceData::Create WriteToInstance(DtmDescriptor) failed\n");
             return hr;
         }
-        hr = DescriptorRecordOf(CommunicationDescriptor, comm);
+        hr = commRead;
         if (FAILED(hr))
         {
             g_StdPkTraceInstance.Trace(CPkTrace::LevelInfo,
@@ -313,6 +319,7 @@ STDMETHODIMP FbInstanceData::ReadIdentification(IFdtContext*, BSTR InstanceID, I
 // storage is never used again.
 STDMETHODIMP FbInstanceData::Delete(IFdtContext*, BSTR InstanceID)
 {
+    STORE_LOCK();
     return STORE_OPERATION([&]() -> HRESULT {
         RETURN_IF_NULL(StorageReady(), E_UNEXPECTED);
         WCHAR name[32];

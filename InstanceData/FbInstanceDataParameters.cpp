@@ -332,8 +332,10 @@ STDMETHODIMP FbInstanceData::ReadParameterInfo(IFdtContext*, BSTR InstanceID, BS
 
 STDMETHODIMP FbInstanceData::WriteParameterInfo(IFdtContext*, BSTR InstanceID, IFdtParameter* Parameter)
 {
-    STORE_ENTRY();
-    return STORE_OPERATION([&]() -> HRESULT {
+    STORE_STATE();
+    // The caller's object is read whole before the store is held.
+    ParameterRecord record;
+    const HRESULT read = EXCEPTION_GUARD([&]() -> HRESULT {
         // A null object is refused like every other null argument.
         RETURN_IF_NULL(Parameter, E_POINTER);
         BYTE dataType = 0;
@@ -341,22 +343,32 @@ STDMETHODIMP FbInstanceData::WriteParameterInfo(IFdtContext*, BSTR InstanceID, I
         VARIANT_BOOL isPrivate = VARIANT_FALSE;
         VARIANT_BOOL isProtected = VARIANT_FALSE;
         VARIANT_BOOL isLocked = VARIANT_FALSE;
-        RETURN_IF_FAILED(Parameter->get_m_name(m_parameter.bstrName.GetAddress()));
-        RETURN_IF_FAILED(Parameter->get_m_value(m_parameter.value.GetAddress()));
-        RETURN_IF_FAILED(Parameter->get_m_defaultValue(m_parameter.defaultValue.GetAddress()));
-        RETURN_IF_FAILED(Parameter->get_m_index(&m_parameter.index));
+        RETURN_IF_FAILED(Parameter->get_m_name(record.bstrName.GetAddress()));
+        RETURN_IF_FAILED(Parameter->get_m_value(record.value.GetAddress()));
+        RETURN_IF_FAILED(Parameter->get_m_defaultValue(record.defaultValue.GetAddress()));
+        RETURN_IF_FAILED(Parameter->get_m_index(&record.index));
         RETURN_IF_FAILED(Parameter->get_m_dataType(&dataType));
-        m_parameter.dataType = dataType;
-        RETURN_IF_FAILED(Parameter->get_m_size(&m_parameter.size));
-        RETURN_IF_FAILED(Parameter->get_m_objectType(&m_parameter.objectType));
+        record.dataType = dataType;
+        RETURN_IF_FAILED(Parameter->get_m_size(&record.size));
+        RETURN_IF_FAILED(Parameter->get_m_objectType(&record.objectType));
         RETURN_IF_FAILED(Parameter->get_m_mandatory(&isMandatory));
         RETURN_IF_FAILED(Parameter->get_m_private(&isPrivate));
         RETURN_IF_FAILED(Parameter->get_m_protected(&isProtected));
         RETURN_IF_FAILED(Parameter->get_m_locked(&isLocked));
-        m_parameter.isMandatory = isMandatory != 0;
-        m_parameter.isPrivate = isPrivate != 0;
-        m_parameter.isProtected = isProtected != 0;
-        m_parameter.isLocked = isLocked != 0;
+        record.isMandatory = isMandatory != 0;
+        record.isPrivate = isPrivate != 0;
+        record.isProtected = isProtected != 0;
+        record.isLocked = isLocked != 0;
+        return S_OK;
+    });
+    STORE_LOCK();
+    return STORE_OPERATION([&]() -> HRESULT {
+        RETURN_IF_FAILED_QUIET(read);
+        // The values move over whole: a copy would make a null string empty.
+        m_parameter = record;
+        VARIANT value = record.value.Detach(), defaultValue = record.defaultValue.Detach();
+        m_parameter.value.Attach(value);
+        m_parameter.defaultValue.Attach(defaultValue);
         RETURN_IF_FAILED(WritePara(InstanceID, true, true));
         return S_OK;
     });

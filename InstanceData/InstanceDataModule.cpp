@@ -17,6 +17,13 @@ private:
     CRITICAL_SECTION& m_section;
 };
 
+// The class object of entry, or null; another thread may be publishing it.
+IUnknown* PublishedClassObject(ClassTableEntry& entry)
+{
+    return static_cast<IUnknown*>(InterlockedCompareExchangePointer(
+        reinterpret_cast<PVOID volatile*>(&entry.pCachedClassObject), nullptr, nullptr));
+}
+
 void ReleaseTypeInfo(DWORD_PTR slot)
 {
     ITypeInfo** cache = reinterpret_cast<ITypeInfo**>(slot);
@@ -32,7 +39,7 @@ HRESULT CInstanceDataModule::Init(ClassTableEntry* classTable, HINSTANCE instanc
         return E_INVALIDARG;
     m_hInst = instance;
     m_pClassTable = classTable;
-    m_nLockCnt = 0;
+    m_nLockCnt.store(0);
     m_pTermFuncs = nullptr;
     InitializeCriticalSection(&m_csObjMap);
     InitializeCriticalSection(&m_csTypeInfoHolder);
@@ -73,12 +80,12 @@ void CInstanceDataModule::Term()
 
 LONG CInstanceDataModule::Lock()
 {
-    return InterlockedIncrement(&m_nLockCnt);
+    return ++m_nLockCnt;
 }
 
 LONG CInstanceDataModule::Unlock()
 {
-    return InterlockedDecrement(&m_nLockCnt);
+    return --m_nLockCnt;
 }
 
 HRESULT CInstanceDataModule::GetClassObject(REFCLSID clsid, REFIID iid, void** object)
@@ -92,16 +99,22 @@ HRESULT CInstanceDataModule::GetClassObject(REFCLSID clsid, REFIID iid, void** o
     {
         if (!entry->pfnCreateClassObject || !IsEqualCLSID(*entry->pclsid, clsid))
             continue;
-        HRESULT hr = S_OK;
-        if (!entry->pCachedClassObject)
+        IUnknown* classObject = PublishedClassObject(*entry);
+        if (!classObject)
         {
+            // Made once under the lock, and published whole for the threads
+            // that look without it.
             CriticalSectionLock guard(m_csObjMap);
-            if (!entry->pCachedClassObject)
-                hr = entry->pfnCreateClassObject(IID_IUnknown, reinterpret_cast<void**>(&entry->pCachedClassObject));
+            classObject = PublishedClassObject(*entry);
+            if (!classObject)
+            {
+                const HRESULT hr = entry->pfnCreateClassObject(IID_IUnknown, reinterpret_cast<void**>(&classObject));
+                if (FAILED(hr))
+                    return hr;
+                InterlockedExchangePointer(reinterpret_cast<PVOID volatile*>(&entry->pCachedClassObject), classObject);
+            }
         }
-        if (FAILED(hr))
-            return hr;
-        return entry->pCachedClassObject->QueryInterface(iid, object);
+        return classObject->QueryInterface(iid, object);
     }
     return CLASS_E_CLASSNOTAVAILABLE;
 }

@@ -3,6 +3,7 @@
 // count, the lazily created class objects, and the type information cache.
 #include <windows.h>
 #include <oaidl.h>
+#include <atomic>
 
 // One entry of the class table; the table ends with an all-zero entry.
 struct ClassTableEntry
@@ -24,7 +25,7 @@ public:
 
     LONG Lock();
     LONG Unlock();
-    LONG GetLockCount() const { return m_nLockCnt; }
+    LONG GetLockCount() const { return m_nLockCnt.load(); }
     HINSTANCE GetModuleInstance() const { return m_hInst; }
     const GUID& GetTypeLibId() const { return m_libid; }
     ClassTableEntry* GetClassTable() const { return m_pClassTable; }
@@ -53,7 +54,7 @@ private:
 
     HINSTANCE m_hInst = nullptr;
     ClassTableEntry* m_pClassTable = nullptr;
-    volatile LONG m_nLockCnt = 0;
+    std::atomic<LONG> m_nLockCnt{0};   // clients of every apartment move it
     GUID m_libid = {};
     CRITICAL_SECTION m_csObjMap = {};
     CRITICAL_SECTION m_csTypeInfoHolder = {};
