@@ -1,4 +1,5 @@
 #include "TestSupport.h"
+#include <algorithm>
 #include "TestObject.h"
 
 HMODULE ServerModule::Handle()
@@ -53,21 +54,13 @@ std::wstring TestName()
     return std::wstring(text.begin(), text.end());
 }
 
-TraceCapture::TraceCapture()
-{
-    CPkTrace::AddListener(&TraceCapture::OnTrace, this);
-}
-
-TraceCapture::~TraceCapture()
-{
-    CPkTrace::RemoveListener(&TraceCapture::OnTrace, this);
-}
+TraceCapture::TraceCapture() { CPkTrace::AddListener(&TraceCapture::OnTrace, this); }
+TraceCapture::~TraceCapture() { CPkTrace::RemoveListener(&TraceCapture::OnTrace, this); }
 
 void TraceCapture::OnTrace(void* context, DWORD level, const char* text)
 {
-    auto* self = static_cast<TraceCapture*>(context);
-    self->m_lines.emplace_back(text);
-    self->m_levels.push_back(level);
+    static_cast<TraceCapture*>(context)->m_lines.emplace_back(text);
+    static_cast<TraceCapture*>(context)->m_levels.push_back(level);
 }
 
 std::string TraceCapture::Text() const
@@ -80,16 +73,13 @@ std::string TraceCapture::Text() const
 
 size_t TraceCapture::Count(const std::string& text) const
 {
-    size_t count = 0;
-    for (const std::string& line : m_lines)
-        count += line.find(text) != std::string::npos;
-    return count;
+    return std::count_if(m_lines.begin(), m_lines.end(),
+                         [&](const std::string& line) { return line.find(text) != std::string::npos; });
 }
 
 ByteBuilder& ByteBuilder::Raw(const void* data, size_t size)
 {
-    const unsigned char* begin = static_cast<const unsigned char*>(data);
-    bytes.insert(bytes.end(), begin, begin + size);
+    bytes.insert(bytes.end(), static_cast<const BYTE*>(data), static_cast<const BYTE*>(data) + size);
     return *this;
 }
 
@@ -186,6 +176,13 @@ _variant_t BstrValue(const wchar_t* text)
     return _variant_t(value, false);
 }
 
+void ExpectSame(const _variant_t& expected, const _variant_t& actual)
+{
+    EXPECT_EQ(expected, actual) << "VARTYPE " << V_VT(&expected);
+    const auto isNull = [](const VARIANT& value) { return V_VT(&value) == VT_BSTR && !V_BSTR(&value); };
+    EXPECT_EQ(isNull(expected), isNull(actual));
+}
+
 std::wstring Str(const _bstr_t& value)
 {
     return value.length() ? static_cast<const wchar_t*>(value) : L"";
@@ -242,10 +239,7 @@ void StoreSession::Close()
     m_manager.Reset();
 }
 
-void StoreSession::Open()
-{
-    ASSERT_EQ(S_OK, m_manager->OpenStorage(m_path, m_root.ReleaseAndGetAddressOf()));
-}
+void StoreSession::Open() { ASSERT_EQ(S_OK, m_manager->OpenStorage(m_path, m_root.ReleaseAndGetAddressOf())); }
 
 void StoreSession::Reopen()
 {
@@ -268,11 +262,7 @@ void StoreSession::Park()
     EXPECT_EQ(STG_E_FILENOTFOUND, m_store->GetAllParameters(nullptr, _bstr_t(L"0"), &names));
 }
 
-Bytes StoreSession::Stream(const wchar_t* path)
-{
-    Park();
-    return ReadStream(m_root.Get(), path);
-}
+Bytes StoreSession::Stream(const wchar_t* path) { return Park(), ReadStream(m_root.Get(), path); }
 
 void StoreSession::Replace(const wchar_t* path, const Bytes& bytes)
 {
@@ -319,8 +309,7 @@ HRESULT StoreSession::Define(IFdtParameter* parameter, const wchar_t* id)
 
 HRESULT StoreSession::Define(const wchar_t* name, const _variant_t& value, const _variant_t& defaultValue)
 {
-    ComPtr<TestParameter> parameter = new TestParameter(name, value, defaultValue);
-    return Define(parameter.Get());
+    return Define(ComPtr<TestParameter>(new TestParameter(name, value, defaultValue)).Get());
 }
 
 _variant_t StoreSession::Read(const wchar_t* name, HRESULT expected)

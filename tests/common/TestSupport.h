@@ -82,6 +82,8 @@ SAFEARRAY* MakeValueArray(const Values& values);
 Values ReadValueArray(SAFEARRAY* array, LONG* lowerBound = nullptr);
 // A VARIANT holding one BSTR (which may be null: the platform's copy would make it empty).
 _variant_t BstrValue(const wchar_t* text);
+// Equal VARTYPE and value, a null string null and an empty one empty.
+void ExpectSame(const _variant_t& expected, const _variant_t& actual);
 // A string result as text; null gives "".
 std::wstring Str(const _bstr_t& value);
 

@@ -1,4 +1,4 @@
-// Parameter groups: the file that check_group_streams.py reads, names shared
+// Parameter groups: the file of the independent byte check, names shared
 // with parameters, values through the members, and damaged group and member
 // streams.
 #include "TestSupport.h"

@@ -29,14 +29,10 @@ std::wstring Identify(IFbInstanceData* store, const wchar_t* id)
     BYTE category = 0, commCategory = 0;
     LONG classification = 0, application = 0, language = 0;
     _bstr_t device, node, commName, name;
-    dtm->get_m_category(&category);
-    dtm->get_m_classification(&classification);
-    dtm->get_m_device(device.GetAddress());
-    dtm->get_m_node(node.GetAddress());
-    dtm->get_m_application(&application);
-    dtm->get_m_language(&language);
-    comm->get_m_category(&commCategory);
-    comm->get_m_name(commName.GetAddress());
+    dtm->get_m_category(&category), dtm->get_m_classification(&classification);
+    dtm->get_m_device(device.GetAddress()), dtm->get_m_node(node.GetAddress());
+    dtm->get_m_application(&application), dtm->get_m_language(&language);
+    comm->get_m_category(&commCategory), comm->get_m_name(commName.GetAddress());
     data->get_m_name(name.GetAddress());
     wchar_t result[512];
     swprintf(result, 512, L"%d,%ld,%ls,%ls,%lx,%lx;%d,%ls;%ls", category, classification, Str(device).c_str(),
@@ -90,11 +86,11 @@ TEST_F(Instances, CreateChecksItsDescriptors)
     EXPECT_EQ(E_POINTER, Store()->Create(nullptr, dtm.Get(), comm.Get(), nullptr));
     EXPECT_EQ(E_POINTER, Store()->Create(nullptr, nullptr, comm.Get(), &id));
     EXPECT_EQ(E_POINTER, Store()->Create(nullptr, dtm.Get(), nullptr, &id));
-    // A caller's descriptor that fails to give a property fails the creation with its result.
+    // A descriptor whose getter fails fails the creation with its result and
+    // leaves nothing behind, not even a used number.
     comm->failing = "name";
     EXPECT_EQ(E_ACCESSDENIED, Store()->Create(nullptr, dtm.Get(), comm.Get(), &id));
     EXPECT_EQ(nullptr, id);
-    // A failed creation leaves nothing behind, not even a used number.
     comm->failing.clear();
     EXPECT_EQ(L"1", NewInstance(dtm.Get(), comm.Get()));
     EXPECT_EQ((Names{L"1"}), InstanceList());
@@ -263,16 +259,20 @@ TEST_F(Instances, TheCacheNeverOutlivesItsInstance)
     }
 }
 
-TEST_F(Instances, DuplicateCopiesEverything)
+// A copy takes every stream, both ends of the references and the locks,
+// which are its own from then on; locks count per instance and move only
+// the lock count.
+TEST_F(Instances, DuplicateCopiesEverythingAndLocksCountPerInstance)
 {
-    ComPtr<TestDtmDescriptor> dtm = new TestDtmDescriptor;
-    dtm->device = L"D1";
     for (const wchar_t* expected : {L"1", L"2", L"3"})
-        ASSERT_EQ(expected, NewInstance(dtm.Get()));
-    ASSERT_EQ(S_OK, Store()->LockInstance(nullptr, kOne));
-    ASSERT_EQ(S_OK, Store()->LockInstance(nullptr, kOne));
+        ASSERT_EQ(expected, NewInstance());
     ASSERT_EQ(S_OK, Store()->AddInstanceDataReference(nullptr, kOne, kP, kTwo));
     ASSERT_EQ(S_OK, Store()->AddInstanceDataReference(nullptr, kThree, kQ, kOne));
+    Bytes one = Stream(L"1/instance"), two = Stream(L"2/instance");
+    ASSERT_TRUE(one.size() > 8 && two.size() > 8);
+    ASSERT_EQ(S_OK, Store()->LockInstance(nullptr, kOne));
+    ASSERT_EQ(S_OK, Store()->LockInstance(nullptr, kOne));
+    ASSERT_EQ(S_OK, Store()->LockInstance(nullptr, kTwo));
     // Parameter and group streams, as the parameter operations leave them.
     Replace(L"1/0", Bytes{1, 0, 0, 0, 2, 0, 0, 0, 0xAB});
     Replace(L"1/1", Bytes{1, 0, 0, 0, 1, 0, 0, 0, 0xCD});
@@ -289,33 +289,15 @@ TEST_F(Instances, DuplicateCopiesEverything)
         EXPECT_EQ(Stream((L"1/" + std::wstring(stream)).c_str()), copied) << stream;
     }
     EXPECT_EQ(L"2:P ^3:Q", ReferencesOf(Store(), copy));
-    // Both locks came along, and the copy's locks are its own.
-    const Bytes source = Stream(L"1/instance");
-    EXPECT_EQ(S_OK, Store()->UnlockInstance(nullptr, copy));
-    EXPECT_EQ(S_OK, Store()->UnlockInstance(nullptr, copy));
-    EXPECT_EQ(E_FAIL, Store()->UnlockInstance(nullptr, copy));
-    EXPECT_EQ(source, Stream(L"1/instance"));
-}
-
-TEST_F(Instances, LocksCountPerInstanceAndLeaveReferencesAlone)
-{
-    NewInstance();
-    NewInstance();
-    ASSERT_EQ(S_OK, Store()->AddInstanceDataReference(nullptr, kOne, kP, kTwo));
-    ASSERT_EQ(S_OK, Store()->AddInstanceDataReference(nullptr, kTwo, kQ, kOne));
-    Bytes one = Stream(L"1/instance"), two = Stream(L"2/instance");
-    ASSERT_TRUE(one.size() > 8 && two.size() > 8);
-    EXPECT_EQ(S_OK, Store()->LockInstance(nullptr, kOne));
-    EXPECT_EQ(S_OK, Store()->LockInstance(nullptr, kOne));
-    EXPECT_EQ(S_OK, Store()->LockInstance(nullptr, kTwo));
-    Reopen();
-    one[4] = 2;   // only the lock counts move
-    two[4] = 1;
+    one[4] = 2, two[4] = 1;
     EXPECT_EQ(one, Stream(L"1/instance"));
     EXPECT_EQ(two, Stream(L"2/instance"));
-    EXPECT_EQ(S_OK, Store()->UnlockInstance(nullptr, kOne));
-    EXPECT_EQ(S_OK, Store()->UnlockInstance(nullptr, kOne));
-    EXPECT_EQ(E_FAIL, Store()->UnlockInstance(nullptr, kOne));
+    for (const _bstr_t& id : {copy, kOne})
+    {
+        EXPECT_EQ(S_OK, Store()->UnlockInstance(nullptr, id));
+        EXPECT_EQ(S_OK, Store()->UnlockInstance(nullptr, id));
+        EXPECT_EQ(E_FAIL, Store()->UnlockInstance(nullptr, id));
+    }
     one[4] = 0;
     EXPECT_EQ(one, Stream(L"1/instance"));
     EXPECT_EQ(two, Stream(L"2/instance"));

@@ -6,38 +6,23 @@
 
 namespace
 {
-LONG LowerBound(SAFEARRAY* array)
-{
-    LONG bound = -99;
-    EXPECT_EQ(S_OK, SafeArrayGetLBound(array, 1, &bound));
-    return bound;
-}
-
-VARTYPE ElementType(SAFEARRAY* array)
-{
-    VARTYPE vt = VT_ILLEGAL;
-    EXPECT_EQ(S_OK, SafeArrayGetVartype(array, &vt));
-    return vt;
-}
-
 template <class Element>
 void ExpectZeroFilledArray(VARTYPE vt, ULONG count, LONG lowerBound)
 {
     ComVectorArray owner;
     ASSERT_EQ(S_OK, owner.Create<Element>(count, lowerBound, true));
-    ASSERT_NE(nullptr, owner.Get());
+    VARTYPE type = VT_ILLEGAL;
+    LONG lower = -99;
     EXPECT_EQ(1u, SafeArrayGetDim(owner.Get()));
-    EXPECT_EQ(vt, ElementType(owner.Get()));
-    EXPECT_EQ(lowerBound, LowerBound(owner.Get()));
+    EXPECT_TRUE(SUCCEEDED(SafeArrayGetVartype(owner.Get(), &type)) && type == vt);
+    EXPECT_TRUE(SUCCEEDED(SafeArrayGetLBound(owner.Get(), 1, &lower)) && lower == lowerBound);
     ComVectorAccess<Element> access(owner.Get());
     ASSERT_EQ(count, access.Count());
     const auto* bytes = reinterpret_cast<const unsigned char*>(access.Data());
     EXPECT_TRUE(std::all_of(bytes, bytes + count * sizeof(Element), [](unsigned char b) { return b == 0; }));
 }
 
-class ComVector : public LeakCheckedTest
-{
-};
+using ComVector = LeakCheckedTest;
 }  // namespace
 
 TEST_F(ComVector, CreatesZeroFilledArraysOfEachKindFromTheirLowerBound)
@@ -46,7 +31,6 @@ TEST_F(ComVector, CreatesZeroFilledArraysOfEachKindFromTheirLowerBound)
     ExpectZeroFilledArray<VARIANT>(VT_VARIANT, 2, 5);
     ExpectZeroFilledArray<IUnknown*>(VT_UNKNOWN, 1, -3);
     ExpectZeroFilledArray<BSTR>(VT_BSTR, 0, 0);
-    static_assert(sizeof(VARIANT) == 2 * sizeof(void*) + 8, "a VARIANT element is 16 bytes in 32-bit frames");
 }
 
 TEST_F(ComVector, AttachRefusesWhatIsNotOneDimensionalOfItsKind)
@@ -54,17 +38,15 @@ TEST_F(ComVector, AttachRefusesWhatIsNotOneDimensionalOfItsKind)
     TraceCapture trace;
     ComVectorAccess<BSTR> access;
     EXPECT_EQ(E_INVALIDARG, access.Attach(nullptr));
-
     SAFEARRAYBOUND bounds[2] = {{2, 0}, {3, 0}};
     SAFEARRAY* square = SafeArrayCreate(VT_BSTR, 2, bounds);
-    ASSERT_NE(nullptr, square);
     EXPECT_EQ(E_INVALIDARG, access.Attach(square));
     EXPECT_EQ(0u, access.Count());
     EXPECT_EQ(nullptr, access.Data());
     EXPECT_EQ(S_OK, SafeArrayDestroy(square)) << "a refused array is not left locked";
 
-    // An array of another element kind would be read with the wrong layout;
-    // arrays of a dispatch interface hold interface pointers.
+    // Another element kind would be read with the wrong layout; arrays of a
+    // dispatch interface hold interface pointers.
     SAFEARRAY* values = SafeArrayCreateVector(VT_VARIANT, 0, 2);
     SAFEARRAY* dispatches = SafeArrayCreateVector(VT_DISPATCH, 0, 1);
     EXPECT_EQ(E_INVALIDARG, access.Attach(values));
@@ -82,55 +64,46 @@ TEST_F(ComVector, DetachToDestroysWhatTheOutParameterHeld)
     ASSERT_EQ(S_OK, owner.Create<BSTR>(1, 0, true));
     ComVectorAccess<BSTR>(owner.Get())[0] = SysAllocString(L"new");
     SAFEARRAY* const made = owner.Get();
-    {
-        TraceCapture trace;
-        EXPECT_EQ(E_POINTER, owner.DetachTo(nullptr));
-        EXPECT_EQ(made, owner.Get());
-        EXPECT_EQ(1u, trace.Count(") : error 0x80004003: ")) << trace.Text();
-    }
+    TraceCapture trace;
+    EXPECT_EQ(E_POINTER, owner.DetachTo(nullptr));
+    EXPECT_EQ(made, owner.Get());
+    EXPECT_EQ(1u, trace.Count(") : error 0x80004003: ")) << trace.Text();
     SAFEARRAY* out = MakeBstrArray({L"old", L"older"});   // freed by the detach, or the leak check fails
     ASSERT_EQ(S_OK, owner.DetachTo(&out));
     EXPECT_EQ(made, out);
-    EXPECT_EQ(nullptr, owner.Get());
-    EXPECT_EQ(std::vector<std::wstring>{L"new"}, ReadBstrArray(out));
-
+    EXPECT_EQ(Names{L"new"}, ReadBstrArray(out));
     ASSERT_EQ(S_OK, owner.DetachTo(&out));
     EXPECT_EQ(nullptr, out) << "an empty owner hands out null";
 }
 
-TEST_F(ComVector, CopyFromMakesADeepCopyAndNullEmpties)
+TEST_F(ComVector, CopiesAreDeepAndNullEmpties)
 {
     SAFEARRAY* source = MakeBstrArray({L"alpha", L"beta"}, 2);
     ComVectorArray copy(source);
-    ASSERT_NE(nullptr, copy.Get());
-    EXPECT_EQ(2, LowerBound(copy.Get()));
     EXPECT_NE(ComVectorAccess<BSTR>(source)[0], ComVectorAccess<BSTR>(copy.Get())[0]) << "strings are duplicated";
     EXPECT_EQ(S_OK, SafeArrayDestroy(source));
-    EXPECT_EQ((std::vector<std::wstring>{L"alpha", L"beta"}), ReadBstrArray(copy.Get()));
-
+    LONG lower = -1;
+    EXPECT_EQ((Names{L"alpha", L"beta"}), ReadBstrArray(copy.Get()));
+    EXPECT_TRUE(SUCCEEDED(SafeArrayGetLBound(copy.Get(), 1, &lower)) && lower == 2);
     EXPECT_EQ(S_OK, copy.CopyFrom(nullptr));
     EXPECT_EQ(nullptr, copy.Get());
-}
 
-// A list of data objects built the way the store builds its results.
-TEST_F(ComVector, ListOfDataObjectsHoldsAReferenceToEach)
-{
+    // A list of data objects, as the store builds its results: the copy holds its own references.
     const LONG before = LiveDataObjects();
     ComVectorArray owner;
     ASSERT_EQ(S_OK, owner.Create<IUnknown*>(2, 0, true));
-    EXPECT_EQ(VT_UNKNOWN, ElementType(owner.Get()));
     {
-        ComVectorAccess<IUnknown*> access(owner.Get());
+        ComVectorAccess<IUnknown*> access(owner.Get());   // its lock ends with the scope
         for (ULONG i = 0; i < access.Count(); ++i)
         {
             ComPtr<IFdtInstanceDataRef> reference;
             ASSERT_EQ(S_OK, MakeDataObject<FdtInstanceDataRef>(reference));
-            access[i] = reference.Detach();   // the element takes over the one reference
+            access[i] = reference.Detach();
         }
     }
-    ComVectorArray copy(owner.Get());
+    ASSERT_EQ(S_OK, copy.CopyFrom(owner.Get()));
     owner.Destroy();
-    EXPECT_EQ(before + 2, LiveDataObjects()) << "the copy holds its own references";
+    EXPECT_EQ(before + 2, LiveDataObjects());
     copy.Destroy();
     EXPECT_EQ(before, LiveDataObjects());
 }

@@ -1,5 +1,5 @@
-// Parameter streams and the value encoding: the file that
-// check_parameter_streams.py reads, every VARTYPE there and back, persisted
+// Parameter streams and the value encoding: the file of the independent
+// byte check, every VARTYPE there and back, persisted
 // objects, values that have no stored form, and damaged streams.
 #include <olectl.h>
 #include "TestObject.h"
@@ -41,14 +41,6 @@ _variant_t Decimal(const wchar_t* text)
     EXPECT_EQ(S_OK, VarDecFromStr(const_cast<LPOLESTR>(text), LOCALE_USER_DEFAULT, 0, &V_DECIMAL(&value)));
     V_VT(&value) = VT_DECIMAL;
     return _variant_t(value, false);
-}
-
-// Equal VARTYPE and value, a null string null and an empty one empty.
-void ExpectSame(const _variant_t& expected, const _variant_t& actual)
-{
-    EXPECT_EQ(expected, actual) << "VARTYPE " << V_VT(&expected);
-    const auto isNull = [](const VARIANT& value) { return V_VT(&value) == VT_BSTR && !V_BSTR(&value); };
-    EXPECT_EQ(isNull(expected), isNull(actual));
 }
 
 _variant_t Get(IFdtParameter* parameter, HRESULT (STDMETHODCALLTYPE IFdtParameter::*getter)(VARIANT*))
@@ -94,29 +86,14 @@ TEST_F(ParameterStreams, EveryValueTypeComesBackEqual)
     // Built in place: a copy through the platform's VariantCopy may turn the
     // null string into an empty one.
     const _variant_t samples[] = {
-        Typed<CHAR>(VT_I1, -100),
-        Typed<BYTE>(VT_UI1, 200),
-        Typed<SHORT>(VT_I2, -30000),
-        Typed<USHORT>(VT_UI2, 60000),
-        Typed<SHORT>(VT_BOOL, VARIANT_TRUE),
-        Typed<SHORT>(VT_BOOL, VARIANT_FALSE),
-        Typed<LONG>(VT_I4, -123456789),
-        Typed<ULONG>(VT_UI4, 4000000000u),
-        Typed<float>(VT_R4, 3.25f),
-        Typed<INT>(VT_INT, -7),
-        Typed<UINT>(VT_UINT, 7),
-        Typed<LONG>(VT_ERROR, E_FAIL),
-        Typed<double>(VT_R8, -1.0 / 3),
-        Typed<LONGLONG>(VT_CY, 123456789012345),
-        Typed<double>(VT_DATE, 45000.123456789),
-        _variant_t(),
-        BstrValue(L"text \x00e4\x4e2d"),
-        BstrValue(nullptr),
-        BstrValue(L""),
-        Decimal(L"-79228162514264337593543950.335"),
-        Decimal(L"0.0001"),
-        Typed<LONGLONG>(VT_I8, -9223372036854775807LL),
-        Typed<ULONGLONG>(VT_UI8, 18446744073709551615ULL),
+        Typed<CHAR>(VT_I1, -100), Typed<BYTE>(VT_UI1, 200), Typed<SHORT>(VT_I2, -30000),
+        Typed<USHORT>(VT_UI2, 60000), Typed<SHORT>(VT_BOOL, VARIANT_TRUE), Typed<SHORT>(VT_BOOL, VARIANT_FALSE),
+        Typed<LONG>(VT_I4, -123456789), Typed<ULONG>(VT_UI4, 4000000000u), Typed<float>(VT_R4, 3.25f),
+        Typed<INT>(VT_INT, -7), Typed<UINT>(VT_UINT, 7), Typed<LONG>(VT_ERROR, E_FAIL),
+        Typed<double>(VT_R8, -1.0 / 3), Typed<LONGLONG>(VT_CY, 123456789012345),
+        Typed<double>(VT_DATE, 45000.123456789), _variant_t(), BstrValue(L"text \x00e4\x4e2d"), BstrValue(nullptr),
+        BstrValue(L""), Decimal(L"-79228162514264337593543950.335"), Decimal(L"0.0001"),
+        Typed<LONGLONG>(VT_I8, -9223372036854775807LL), Typed<ULONGLONG>(VT_UI8, 18446744073709551615ULL),
     };
     const size_t count = sizeof samples / sizeof samples[0];
     for (size_t i = 0; i < count; ++i)
