@@ -252,6 +252,11 @@ HRESULT ReadParameterRecord(ByteReader& in, ParameterRecord& record, ParameterPa
     failedAt = ParameterPart::DefaultValue;
     READ_OR_RETURN(in.ReadValue(record.defaultValue));
     failedAt = ParameterPart::Body;
+    return ReadParameterBody(in, record);
+}
+
+HRESULT ReadParameterBody(ByteReader& in, ParameterRecord& record)
+{
     READ_OR_RETURN(in.Read(record.index));
     READ_OR_RETURN(in.Read(record.dataType));
     READ_OR_RETURN(in.Read(record.size));
