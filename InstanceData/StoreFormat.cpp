@@ -246,6 +246,11 @@ HRESULT ReadParameterRecord(ByteReader& in, ParameterRecord& record, ParameterPa
     failedAt = ParameterPart::DefaultValue;
     RETURN_IF_FAILED_QUIET(in.ReadValue(record.defaultValue));
     failedAt = ParameterPart::Body;
+    return ReadParameterBody(in, record);
+}
+
+HRESULT ReadParameterBody(ByteReader& in, ParameterRecord& record)
+{
     RETURN_IF_FAILED_QUIET(in.Read(record.index));
     RETURN_IF_FAILED_QUIET(in.Read(record.dataType));
     RETURN_IF_FAILED_QUIET(in.Read(record.size));

@@ -162,6 +162,13 @@ enum class ParameterPart
 // Reads up to and including part. On failure, failedAt names the part that
 // could not be read. The stored name lands in record.bstrName.
 HRESULT ReadParameterRecord(ByteReader& in, ParameterRecord& record, ParameterPart part, ParameterPart& failedAt);
+// The fields after the default value: index, data type, size, object type.
+// The store tool reads them on their own when it has walked the values itself.
+HRESULT ReadParameterBody(ByteReader& in, ParameterRecord& record);
+enum : size_t
+{
+    kParameterBodySize = 16
+};
 // The head alone, or head and body; a value that cannot be encoded fails
 // (failedAt says which) and leaves out as it was.
 HRESULT WriteParameterRecord(ByteWriter& out, const ParameterRecord& record, bool withBody, ParameterPart& failedAt);

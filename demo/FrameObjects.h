@@ -6,6 +6,7 @@
 #include <ole2.h>
 #include <comutil.h>
 #include "FdtInterfaces.h"
+#include "Common/VariantCopy.h"
 
 namespace frame
 {
@@ -119,19 +120,22 @@ class ParameterDescription final : public FrameObject<IFdtParameter>
 {
 public:
     ParameterDescription(const wchar_t* name, const _variant_t& value, const _variant_t& defaultValue, BYTE dataType)
-        : m_name(name), m_value(value), m_defaultValue(defaultValue), m_dataType(dataType)
+        : m_name(name), m_dataType(dataType)
     {
+        CopyVariant(value, m_value.GetVARIANT());
+        CopyVariant(defaultValue, m_defaultValue.GetVARIANT());
     }
     VARIANT_BOOL m_isMandatory = VARIANT_FALSE;
     VARIANT_BOOL m_isPrivate = VARIANT_FALSE;
 
     STDMETHODIMP get_m_name(BSTR* value) override { return Out(value, m_name); }
     STDMETHODIMP put_m_name(BSTR value) override { return m_name = value, S_OK; }
-    STDMETHODIMP get_m_value(VARIANT* value) override { return value ? VariantCopy(value, &m_value) : E_POINTER; }
+    // A null string stays null (the platform's VariantCopy would make it empty).
+    STDMETHODIMP get_m_value(VARIANT* value) override { return value ? CopyVariant(m_value, *value) : E_POINTER; }
     STDMETHODIMP put_m_value(VARIANT value) override { return m_value = value, S_OK; }
     STDMETHODIMP get_m_defaultValue(VARIANT* value) override
     {
-        return value ? VariantCopy(value, &m_defaultValue) : E_POINTER;
+        return value ? CopyVariant(m_defaultValue, *value) : E_POINTER;
     }
     STDMETHODIMP put_m_defaultValue(VARIANT value) override { return m_defaultValue = value, S_OK; }
     STDMETHODIMP get_m_index(LONG* value) override { return Out(value, m_index); }

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Installs the Debian packages that the build and the tests need, when missing.
 set -euo pipefail
-packages=(g++-mingw-w64-x86-64 g++-mingw-w64-i686 mingw-w64-tools libwine-dev wine64 wine
+packages=(g++-mingw-w64-x86-64 g++-mingw-w64-i686 mingw-w64-tools libwine-dev wine64 wine nlohmann-json3-dev
           googletest cmake ccache python3-olefile xvfb xauth wixl msitools)
 missing=()
 for p in "${packages[@]}"; do

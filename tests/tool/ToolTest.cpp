@@ -1,0 +1,287 @@
+// InstanceDataTool.exe run as a user runs it: one table of cases per command.
+// Store files come from the demo frame and from importing every_type.json.
+#include <gtest/gtest.h>
+#include <windows.h>
+#include <ole2.h>
+#include <wrl/client.h>
+#include <fstream>
+#include <functional>
+#include <sstream>
+#include <string>
+#include <nlohmann/json.hpp>
+
+using Microsoft::WRL::ComPtr;
+using Json = nlohmann::ordered_json;
+using Bytes = std::string;
+
+namespace
+{
+std::wstring Directory()
+{
+    wchar_t path[MAX_PATH];
+    const std::wstring full(path, GetModuleFileNameW(nullptr, path, MAX_PATH));
+    return full.substr(0, full.find_last_of(L"\\/") + 1);
+}
+
+// Each file of this program under testfiles\tool.
+std::wstring File(const std::wstring& name)
+{
+    const std::wstring folder = Directory() + L"testfiles\\tool\\";
+    CreateDirectoryW(folder.c_str(), nullptr);
+    return folder + name;
+}
+
+Bytes Contents(const std::wstring& path)
+{
+    std::ifstream in(path.c_str(), std::ios::binary);
+    std::stringstream all;
+    all << in.rdbuf();
+    return all.str();
+}
+
+struct Run
+{
+    DWORD code;
+    std::string out;   // standard output and error together
+};
+
+// A program of the build folder with its arguments; its output goes to a file.
+Run Start(const std::wstring& program, const std::wstring& arguments)
+{
+    const std::wstring outPath = File(L"output.txt");
+    SECURITY_ATTRIBUTES inherit = {sizeof inherit, nullptr, TRUE};
+    HANDLE out = CreateFileW(outPath.c_str(), GENERIC_WRITE, FILE_SHARE_READ, &inherit, CREATE_ALWAYS, 0, nullptr);
+    STARTUPINFOW startup = {sizeof startup};
+    startup.dwFlags = STARTF_USESTDHANDLES;
+    startup.hStdOutput = startup.hStdError = out;
+    PROCESS_INFORMATION process = {};
+    std::wstring line = L"\"" + Directory() + program + L"\" " + arguments;
+    const BOOL started = CreateProcessW(nullptr, &line[0], nullptr, nullptr, TRUE, 0, nullptr, Directory().c_str(),
+                                        &startup, &process);
+    CloseHandle(out);
+    Run run = {~0UL, ""};
+    if (!started)
+        return run;
+    WaitForSingleObject(process.hProcess, 120000);
+    GetExitCodeProcess(process.hProcess, &run.code);
+    CloseHandle(process.hProcess);
+    CloseHandle(process.hThread);
+    run.out = Contents(outPath);
+    return run;
+}
+
+Run Tool(const std::wstring& arguments)
+{
+    return Start(L"InstanceDataTool.exe", arguments);
+}
+
+std::wstring Quote(const std::wstring& path)
+{
+    return L"\"" + path + L"\"";
+}
+
+// A fresh store file: the demo session's or every_type.json imported.
+std::wstring Store(const std::wstring& name, bool demo)
+{
+    const std::wstring path = File(name);
+    DeleteFileW(path.c_str());
+    const Run made = demo ? Start(L"DemoFrame.exe", Quote(path))
+                          : Tool(L"import " + Quote(Directory() + L"every_type.json") + L" " + Quote(path));
+    EXPECT_EQ(0u, made.code) << made.out;
+    return path;
+}
+
+Json Exported(const std::wstring& store, const std::wstring& name)
+{
+    const std::wstring out = File(name);
+    const Run run = Tool(L"export " + Quote(store) + L" " + Quote(out));
+    EXPECT_EQ(0u, run.code) << run.out;
+    return Json::parse(Contents(out), nullptr, false);
+}
+
+// Replaces the bytes of one stream ("1/map") of a closed store file; an
+// empty change destroys it, a missing stream is created.
+void Damage(const std::wstring& file, const std::wstring& path, const std::function<void(Bytes&)>& change)
+{
+    ComPtr<IStorage> root, storage;
+    const DWORD mode = STGM_READWRITE | STGM_SHARE_EXCLUSIVE;
+    ASSERT_HRESULT_SUCCEEDED(StgOpenStorage(file.c_str(), nullptr, mode, nullptr, 0, root.GetAddressOf()));
+    const size_t slash = path.find(L'/');
+    storage = root;
+    if (slash != std::wstring::npos)
+        ASSERT_HRESULT_SUCCEEDED(root->OpenStorage(path.substr(0, slash).c_str(), nullptr, mode, nullptr, 0,
+                                                   storage.GetAddressOf()));
+    const std::wstring name = path.substr(slash + 1);
+    if (!change)
+    {
+        ASSERT_HRESULT_SUCCEEDED(storage->DestroyElement(name.c_str()));
+        return;
+    }
+    ComPtr<IStream> stream;
+    Bytes bytes(4096, '\0');
+    ULONG read = 0;
+    if (SUCCEEDED(storage->OpenStream(name.c_str(), nullptr, mode, 0, stream.GetAddressOf())))
+        stream->Read(&bytes[0], 4096, &read);
+    else
+        ASSERT_HRESULT_SUCCEEDED(storage->CreateStream(name.c_str(), mode, 0, 0, stream.GetAddressOf()));
+    bytes.resize(read);
+    change(bytes);
+    ULARGE_INTEGER size = {};
+    size.QuadPart = bytes.size();
+    LARGE_INTEGER start = {};
+    stream->SetSize(size);
+    stream->Seek(start, STREAM_SEEK_SET, nullptr);
+    stream->Write(bytes.data(), static_cast<ULONG>(bytes.size()), nullptr);
+}
+
+// Changes the first occurrence of a UTF-16 text in the bytes.
+std::function<void(Bytes&)> Rename(const std::wstring& from, const std::wstring& to)
+{
+    return [=](Bytes& bytes) {
+        const Bytes wideFrom(reinterpret_cast<const char*>(from.data()), from.size() * 2);
+        const size_t at = bytes.find(wideFrom);
+        ASSERT_NE(Bytes::npos, at);
+        bytes.replace(at, wideFrom.size(), reinterpret_cast<const char*>(to.data()), to.size() * 2);
+    };
+}
+
+std::function<void(Bytes&)> SetDword(size_t offset, DWORD value)
+{
+    return [=](Bytes& bytes) { std::memcpy(&bytes[offset], &value, sizeof value); };
+}
+
+// ------------------------------------------------------------------ import
+
+TEST(ToolImport, RoundTripsGiveTheSameJson)
+{
+    const struct
+    {
+        const wchar_t* name;
+        bool demo;
+    } cases[] = {{L"demo.stg", true}, {L"every.stg", false}};
+    for (const auto& c : cases)
+    {
+        const std::wstring first = Store(c.name, c.demo);
+        const Json exported = Exported(first, std::wstring(c.name) + L".json");
+        const std::wstring second = File(std::wstring(L"again-") + c.name);
+        DeleteFileW(second.c_str());
+        const Run imported = Tool(L"import " + Quote(File(std::wstring(c.name) + L".json")) + L" " + Quote(second));
+        ASSERT_EQ(0u, imported.code) << imported.out;
+        EXPECT_EQ(exported.dump(), Exported(second, L"again.json").dump());
+        if (!c.demo)
+            EXPECT_EQ(Json::parse(Contents(Directory() + L"every_type.json")).dump(), exported.dump());
+    }
+}
+
+TEST(ToolImport, RefusalsLeaveNoFile)
+{
+    const struct
+    {
+        const char* json;
+        bool existing;
+        const char* reason;
+    } cases[] = {
+        {"{\"instances\": [\n  {\"id\": \"1\",}\n]}", false, "line 2, column 15"},
+        {"{\"instances\": []}", true, "exists already"},
+        {"{\"instances\": [{\"id\": \"one\"}]}", false, "not an instance number"},
+        {"{\"instances\": [{\"id\": \"1\", \"dtm\": {\"category\": 1}}]}", false, "must be a whole number"},
+        {"{\"instances\": [{\"id\": \"1\", \"dtm\": {\"category\": 0, \"classification\": 0, \"device\": \"\", "
+         "\"node\": \"\", \"application\": 0, \"language\": 0}, \"comm\": {\"category\": 0, \"name\": \"\"}, "
+         "\"parameters\": [{\"name\": \"P\", \"stream\": 0, \"value\": {\"type\": \"VT_NULL\"}}]}]}",
+         false, "cannot be stored"},
+    };
+    const std::wstring in = File(L"refused.json"), out = File(L"refused.stg");
+    for (const auto& c : cases)
+    {
+        std::ofstream(in.c_str(), std::ios::binary) << c.json;
+        DeleteFileW(out.c_str());
+        if (c.existing)
+            std::ofstream(out.c_str()) << "kept";
+        const Run run = Tool(L"import " + Quote(in) + L" " + Quote(out));
+        EXPECT_EQ(1u, run.code) << c.json;
+        EXPECT_NE(std::string::npos, run.out.find(c.reason)) << run.out;
+        EXPECT_EQ(c.existing ? "kept" : "", Contents(out));
+        EXPECT_EQ(c.existing, GetFileAttributesW(out.c_str()) != INVALID_FILE_ATTRIBUTES);
+    }
+}
+
+// ------------------------------------------------------------------- check
+
+TEST(ToolCheck, FindsEachKindOfDamage)
+{
+    const struct
+    {
+        const wchar_t* stream;
+        std::function<void(Bytes&)> change;
+        const char* finding;   // nullptr: the file as the module wrote it
+    } cases[] = {
+        {nullptr, nullptr, nullptr},
+        {L"admin", SetDword(4, 4), "next instance number 4 is not above instance 4"},
+        {L"4/map", SetDword(4, 7), "next stream number 7 is not above stream 7"},
+        {L"4/7", nullptr, "parameter \"Both\": map entry without stream 7"},
+        {L"4/9", [](Bytes& b) { b = "x"; }, "instance 4: stream 9 without map entry"},
+        {L"4/dtm", SetDword(0, 2), "stream \"dtm\" has another version than 1"},
+        {L"2/0", SetDword(4, 1), "parameter \"Fixed\" (stream 0) is not a parameter stream"},
+        {L"2/1", Rename(L"Short", L"Shirt"), "holds the name \"Shirt\""},
+        {L"2/3", Rename(L"Short", L"Sport"), "member \"Sport\" is not a parameter"},
+        {L"4/instance", Rename(L"2", L"3"), "super instance 3 does not exist"},
+        {L"2/instance", Rename(L"Channel1", L"Channel2"), "sub-instance 4 does not name it as super instance"},
+        {L"4/map", [](Bytes& b) { b.resize(10); }, "stream \"map\" ends within its record"},
+    };
+    for (const auto& c : cases)
+    {
+        const std::wstring store = Store(L"damaged.stg", false);
+        if (c.stream)
+            Damage(store, c.stream, c.change);
+        const Run run = Tool(L"check " + Quote(store));
+        EXPECT_EQ(c.finding ? 1u : 0u, run.code) << run.out;
+        if (c.finding)
+            EXPECT_NE(std::string::npos, run.out.find(c.finding)) << run.out;
+        else
+            EXPECT_EQ("", run.out);
+    }
+    const Run demo = Tool(L"check " + Quote(Store(L"clean-demo.stg", true)));
+    EXPECT_EQ(0u, demo.code) << demo.out;
+}
+
+// ----------------------------------------------------- dump, export, bytes
+
+TEST(ToolDump, ExitCodesAndTheFileUnchanged)
+{
+    const std::wstring good = Store(L"dump.stg", false);
+    const std::wstring damaged = Store(L"dump-damaged.stg", false);
+    Damage(damaged, L"2/dtm", [](Bytes& b) { b.resize(7); });
+    const std::wstring text = File(L"not-a-store.stg");
+    std::ofstream(text.c_str()) << "plain text";
+    const std::wstring out = Quote(File(L"dump-out.json"));
+    const struct
+    {
+        std::wstring command;
+        const std::wstring* file;
+        DWORD code;
+        const char* shown;
+    } cases[] = {
+        {L"dump", &good, 0, "id \"4\""},
+        {L"dump --json", &good, 0, "\"VT_DECIMAL\""},
+        {L"check", &good, 0, ""},
+        {L"export", &good, 0, ""},
+        {L"dump", &damaged, 1, "unreadable: instance 2: stream \"dtm\" ends within its record"},
+        {L"dump --json", &damaged, 1, "\"Numbers\""},
+        {L"export", &damaged, 1, "unreadable:"},
+        {L"check", &damaged, 1, "unreadable"},
+        {L"dump", &text, 2, "not a store file"},
+        {L"export", &text, 2, "not a store file"},
+        {L"check", &text, 2, "not a store file"},
+    };
+    for (const auto& c : cases)
+    {
+        const Bytes before = Contents(*c.file);
+        const Run run = Tool(c.command + L" " + Quote(*c.file) + (c.command == L"export" ? L" " + out : L""));
+        EXPECT_EQ(c.code, run.code) << run.out;
+        EXPECT_NE(std::string::npos, run.out.find(c.shown)) << run.out;
+        EXPECT_EQ(before, Contents(*c.file));
+    }
+    EXPECT_EQ(0u, Tool(L"--help").code);
+    EXPECT_NE(std::string::npos, Tool(L"import --help").out.find("usage: InstanceDataTool.exe import IN.json FILE"));
+}
+}  // namespace
