@@ -50,7 +50,8 @@ std::wstring TestFilesDirectory()
 std::wstring TestName()
 {
     const testing::TestInfo* test = testing::UnitTest::GetInstance()->current_test_info();
-    const std::string text = std::string(test->test_suite_name()) + "-" + test->name();
+    std::string text = std::string(test->test_suite_name()) + "-" + test->name();
+    std::replace(text.begin(), text.end(), '/', '-');   // parameterised names
     return std::wstring(text.begin(), text.end());
 }
 

@@ -6,7 +6,8 @@
 #include <memory>
 #include <set>
 #include <string>
-#include "InstanceTestSupport.h"
+#include "TestSupport.h"
+#include "TestObject.h"
 
 namespace
 {
@@ -93,7 +94,7 @@ public:
     LONG classification = 0, application = 0, language = 0;
     _bstr_t device = L"caller's device", node;
 #define HOOKED_PROPERTY(name, type, field)                                                \
-    STDMETHODIMP get_##name(type* value) override { return onGet(), Give(value, field); } \
+    STDMETHODIMP get_##name(type* value) override { return onGet(), Give(#name, value, field); } \
     STDMETHODIMP put_##name(type value) override { return field = value, S_OK; }
     HOOKED_PROPERTY(m_category, BYTE, category)
     HOOKED_PROPERTY(m_classification, LONG, classification)
@@ -226,19 +227,17 @@ const Workload kWorkloads[] = {
     {"SharedInstanceLists", true, true},
 };
 
-class ManyApartments : public testing::TestWithParam<Workload>
+class ManyApartments : public StoreSession, public testing::WithParamInterface<Workload>
 {
 };
 
 TEST_P(ManyApartments, EveryCallSucceedsAndEveryReadGivesAWrittenValue)
 {
     const Workload& workload = GetParam();
-    const std::string file = std::string("concurrency-") + workload.name + ".stg";
-    Session session(std::wstring(file.begin(), file.end()).c_str());
     _bstr_t shared;
     if (workload.shared)
     {
-        ASSERT_EQ(S_OK, NewInstanceQuiet(session.Store(), shared));
+        ASSERT_EQ(S_OK, NewInstanceQuiet(Store(), shared));
     }
     Outcome outcomes[kThreads];
     _bstr_t ids[kThreads];
@@ -277,7 +276,7 @@ TEST_P(ManyApartments, EveryCallSucceedsAndEveryReadGivesAWrittenValue)
         for (int p = 0; p < kParameters; ++p)
         {
             _variant_t value;
-            EXPECT_EQ(S_OK, session->ReadParameter(nullptr, ids[t], kNames[p], value.GetAddress()));
+            EXPECT_EQ(S_OK, Store()->ReadParameter(nullptr, ids[t], kNames[p], value.GetAddress()));
             EXPECT_TRUE(value == ValueOf(p, t, kRounds - 1)) << "thread " << t << " parameter " << p;
         }
 }
@@ -298,7 +297,7 @@ const CallerCase kCallerCases[] = {
     {"ObjectsCallingTheStoreBack", false},
 };
 
-class CallerObjects : public testing::TestWithParam<CallerCase>
+class CallerObjects : public StoreSession, public testing::WithParamInterface<CallerCase>
 {
 };
 
@@ -340,9 +339,8 @@ void BusyApartment(IStream** marshaled, HANDLE ready, HANDLE done, BSTR id, Outc
 
 TEST_P(CallerObjects, CreateAndWriteParameterInfoComplete)
 {
-    Session session(L"concurrency-caller-objects.stg");
     _bstr_t busy;
-    ASSERT_EQ(S_OK, NewInstanceQuiet(session.Store(), busy));
+    ASSERT_EQ(S_OK, NewInstanceQuiet(Store(), busy));
     Outcome outcome;
     Event ready, done;
     std::unique_ptr<Apartment> other;
@@ -360,7 +358,7 @@ TEST_P(CallerObjects, CreateAndWriteParameterInfoComplete)
         // Each getter reads a parameter that no other call changes.
         const std::function<void()> callBack = [&] {
             _variant_t value;
-            outcome.Check(session->ReadParameter(nullptr, busy, kNames[1], value.GetAddress()) == S_OK &&
+            outcome.Check(Store()->ReadParameter(nullptr, busy, kNames[1], value.GetAddress()) == S_OK &&
                               value == ValueOf(1, 0, 0),
                           "ReadParameter from the caller's object");
         };
@@ -374,8 +372,8 @@ TEST_P(CallerObjects, CreateAndWriteParameterInfoComplete)
     ComPtr<IFdtCommunicationDescriptor> comm = new TestCommDescriptor;
     if (objects.dtm && objects.parameter)
     {
-        EXPECT_EQ(S_OK, session->Create(nullptr, objects.dtm.Get(), comm.Get(), id.GetAddress()));
-        EXPECT_EQ(S_OK, session->WriteParameterInfo(nullptr, id, objects.parameter.Get()));
+        EXPECT_EQ(S_OK, Store()->Create(nullptr, objects.dtm.Get(), comm.Get(), id.GetAddress()));
+        EXPECT_EQ(S_OK, Store()->WriteParameterInfo(nullptr, id, objects.parameter.Get()));
     }
     objects = CallerObjectSet();
     SetEvent(done);
@@ -386,11 +384,11 @@ TEST_P(CallerObjects, CreateAndWriteParameterInfoComplete)
     ComPtr<IFdtDtmDescriptor> stored;
     _bstr_t device;
     _variant_t value;
-    ASSERT_EQ(S_OK, session->ReadIdentification(nullptr, id, identification.GetAddressOf()));
+    ASSERT_EQ(S_OK, Store()->ReadIdentification(nullptr, id, identification.GetAddressOf()));
     ASSERT_EQ(S_OK, identification->get_m_dtm(stored.GetAddressOf()));
     ASSERT_EQ(S_OK, stored->get_m_device(device.GetAddress()));
     EXPECT_EQ(std::wstring(L"caller's device"), Str(device));
-    EXPECT_EQ(S_OK, session->ReadParameter(nullptr, id, _bstr_t(L"FromCaller"), value.GetAddress()));
+    EXPECT_EQ(S_OK, Store()->ReadParameter(nullptr, id, _bstr_t(L"FromCaller"), value.GetAddress()));
     EXPECT_TRUE(value == _variant_t(42L));
 }
 
