@@ -201,8 +201,11 @@ void Session::WriteElements(const _bstr_t& id, const Json& instance)
         }
         _variant_t value, defaultValue;
         std::string error;
-        Require(SUCCEEDED(ValueFromJson(element.value("value", Json()), value, error)), what + ": " + error);
-        Require(SUCCEEDED(ValueFromJson(element.value("default", Json()), defaultValue, error)), what + ": " + error);
+        for (const auto& part : {std::make_pair("value", &value), std::make_pair("default", &defaultValue)})
+        {
+            const bool read = SUCCEEDED(ValueFromJson(element.value(part.first, Json()), *part.second, error));
+            Require(read, what + " " + part.first + ": " + error);
+        }
         const DWORD dataType = Number<DWORD>(element, "dataType");
         Require(dataType <= 0xFF, what + ": the data type must fit a byte");
         ComPtr<frame::ParameterDescription> parameter;
