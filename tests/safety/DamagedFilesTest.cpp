@@ -45,7 +45,7 @@ HRESULT WriteValues(IFbInstanceData* store, const wchar_t* id, const wchar_t* gr
 
 HRESULT Define(IFbInstanceData* store, const wchar_t* id, const wchar_t* name, const _variant_t& value)
 {
-    return store->WriteParameterInfo(nullptr, B(id), TestParameter::Make(name, value).Get());
+    return store->WriteParameterInfo(nullptr, B(id), MakeParameter(name, value).Get());
 }
 
 // One writing operation: the instances it works on and, when it removes

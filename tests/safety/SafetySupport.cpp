@@ -273,6 +273,14 @@ HRESULT OpenIn(IInstanceDataMgr* manager, const std::wstring& path, ComPtr<IStor
     return manager->OpenStorage(_bstr_t(path.c_str()), root.GetAddressOf());
 }
 
+Bytes ReadStreamBytes(const wchar_t* file, const wchar_t* path)
+{
+    ComPtr<IStorage> root;
+    if (FAILED(StgOpenStorage(file, nullptr, STGM_READ | STGM_SHARE_EXCLUSIVE, nullptr, 0, root.GetAddressOf())))
+        return Bytes();
+    return ReadStream(root.Get(), path);
+}
+
 const std::wstring& ModelFile()
 {
     static std::wstring path;
@@ -312,7 +320,7 @@ const std::wstring& ModelFile()
     };
     for (const auto& parameter : parameters)
     {
-        ComPtr<TestParameter> info = TestParameter::Make(parameter.name, parameter.value, parameter.defaultValue);
+        ComPtr<TestParameter> info = MakeParameter(parameter.name, parameter.value, parameter.defaultValue);
         info->index = 3;
         info->mandatory = VARIANT_TRUE;
         EXPECT_EQ(S_OK, store->WriteParameterInfo(nullptr, _bstr_t(parameter.id), info.Get()));

@@ -4,8 +4,9 @@
 #include <map>
 #include <set>
 #include <string>
-#include "../parameters/ParameterFixture.h"
-#include "../instances/InstanceTestSupport.h"
+#include <vector>
+#include "TestSupport.h"
+#include "TestObject.h"
 
 namespace safety
 {
@@ -42,6 +43,16 @@ void GiveUp(IInstanceDataMgr* manager);
 // Opens path in the store (a failed open of a missing folder first gives
 // up the file before, so the store never answers from its cache).
 HRESULT OpenIn(IInstanceDataMgr* manager, const std::wstring& path, ComPtr<IStorage>& root);
+
+// A parameter description of the test's own.
+inline ComPtr<TestParameter> MakeParameter(const wchar_t* name, const _variant_t& value,
+                                           const _variant_t& defaultValue = _variant_t())
+{
+    return ComPtr<TestParameter>(new TestParameter(name, value, defaultValue));
+}
+// The whole stream at path ("admin", "1/map") of a file that nobody holds open;
+// empty when it cannot be read.
+Bytes ReadStreamBytes(const wchar_t* file, const wchar_t* path);
 }  // namespace safety
 
 using namespace safety;

@@ -144,10 +144,10 @@ TEST_F(Situations, FailedRewriteLeavesTheInstance)
     V_ARRAY(&array) = SafeArrayCreateVector(VT_I4, 0, 2);
     const _variant_t nullValue(null), arrayValue(array, false);
     const std::function<HRESULT(IFbInstanceData*)> writers[] = {
-        [&](IFbInstanceData* s) { return s->WriteParameterInfo(nullptr, B(L"1"), TestParameter::Make(L"str", nullValue).Get()); },
-        [&](IFbInstanceData* s) { return s->WriteParameterInfo(nullptr, B(L"1"), TestParameter::Make(L"i4", arrayValue).Get()); },
+        [&](IFbInstanceData* s) { return s->WriteParameterInfo(nullptr, B(L"1"), MakeParameter(L"str", nullValue).Get()); },
+        [&](IFbInstanceData* s) { return s->WriteParameterInfo(nullptr, B(L"1"), MakeParameter(L"i4", arrayValue).Get()); },
         [&](IFbInstanceData* s) {
-            return s->WriteParameterInfo(nullptr, B(L"1"), TestParameter::Make(L"r8", _variant_t(1.0), nullValue).Get());
+            return s->WriteParameterInfo(nullptr, B(L"1"), MakeParameter(L"r8", _variant_t(1.0), nullValue).Get());
         },
         [&](IFbInstanceData* s) { return s->WriteParameter(nullptr, B(L"1"), B(L"date"), nullValue); },
     };
@@ -182,7 +182,7 @@ TEST_F(Situations, LaggingCountersAreRepaired)
          },
          "FbInstanceData::Create next instance number 1 is in use: 4 taken"},
         {L"1/map", 0, 9,
-         [](IFbInstanceData* s) { return s->WriteParameterInfo(nullptr, B(L"1"), TestParameter::Make(L"new", _variant_t(1L)).Get()); },
+         [](IFbInstanceData* s) { return s->WriteParameterInfo(nullptr, B(L"1"), MakeParameter(L"new", _variant_t(1L)).Get()); },
          "FbInstanceData::AllocateStreamName next stream number 0 of instance 1 is in use: 9 taken"},
         {L"2/map", 1, 3,
          [](IFbInstanceData* s) {
@@ -394,7 +394,7 @@ TEST_F(Situations, FailedAllocationLeavesNoHalfState)
          }},
         {"Duplicate", [](Situations& t, _bstr_t& id) { return t.Store()->Duplicate(nullptr, B(L"1"), id.GetAddress()); }},
         {"WriteParameterInfo", [](Situations& t, _bstr_t&) {
-             return t.Store()->WriteParameterInfo(nullptr, B(L"1"), TestParameter::Make(L"new", _variant_t(L"n")).Get());
+             return t.Store()->WriteParameterInfo(nullptr, B(L"1"), MakeParameter(L"new", _variant_t(L"n")).Get());
          }},
         {"DefineGroup", [](Situations& t, _bstr_t&) {
              SAFEARRAY* members = MakeBstrArray({L"i4"});
@@ -461,7 +461,7 @@ void CommittedPart(IFbInstanceData* store)
     ASSERT_EQ(S_OK, store->Create(nullptr, ComPtr<TestDtmDescriptor>(new TestDtmDescriptor).Get(),
                                   ComPtr<TestCommDescriptor>(new TestCommDescriptor).Get(), id.GetAddress()));
     ASSERT_EQ(S_OK, store->WriteParameter(nullptr, B(L"1"), B(L"i4"), _variant_t(99L)));
-    ASSERT_EQ(S_OK, store->WriteParameterInfo(nullptr, id, TestParameter::Make(L"p", _variant_t(L"kept")).Get()));
+    ASSERT_EQ(S_OK, store->WriteParameterInfo(nullptr, id, MakeParameter(L"p", _variant_t(L"kept")).Get()));
 }
 
 void UncommittedPart(IFbInstanceData* store)
@@ -481,10 +481,14 @@ TEST(KilledFrame, Child)
     if (!GetEnvironmentVariableW(L"SAFETY_CHILD_FILE", file, MAX_PATH) ||
         !GetEnvironmentVariableW(L"SAFETY_CHILD_EVENT", event, 64))
         return;   // only as the child of FileIsAsLastCommitted
-    OpenStore open = OpenStore::At(_bstr_t(file));
-    CommittedPart(open.store.Get());
-    open.Commit();
-    UncommittedPart(open.store.Get());
+    ComPtr<IFbInstanceData> store = CreateStore();
+    ComPtr<IInstanceDataMgr> manager;
+    ComPtr<IStorage> root;
+    ASSERT_EQ(S_OK, store.As(&manager));
+    ASSERT_EQ(S_OK, manager->OpenStorage(_bstr_t(file), root.GetAddressOf()));
+    CommittedPart(store.Get());
+    ASSERT_EQ(S_OK, root->Commit(STGC_DEFAULT));
+    UncommittedPart(store.Get());
     SetEvent(OpenEventW(EVENT_MODIFY_STATE, FALSE, event));
     Sleep(INFINITE);
 }
