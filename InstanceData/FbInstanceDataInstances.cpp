@@ -233,6 +233,20 @@ STDMETHODIMP FbInstanceData::Create(IFdtContext*, IFdtDtmDescriptor* DtmDescript
         RETURN_IF_FAILED_QUIET(CreateInstanceStorage(number, storage));
         WCHAR digits[16];
         _ultow(number, digits, 10);
+        // Whatever fails or throws before the end takes the new storage away
+        // again: an allocation failure must not leave half an instance.
+        struct NewStorage
+        {
+            IStorage* root;
+            const WCHAR* name;
+            ComPtr<IStorage>& storage;
+            bool kept;
+            ~NewStorage()
+            {
+                if (!kept)
+                    storage.Reset(), root->DestroyElement(name);
+            }
+        } undo{m_pRootStorage, digits, storage, false};
         _bstr_t id(digits);
 
         // The whole instance is written and committed once; should any step
@@ -257,11 +271,8 @@ STDMETHODIMP FbInstanceData::Create(IFdtContext*, IFdtDtmDescriptor* DtmDescript
             hr = WriteAdmin();
         }
         if (FAILED(hr))
-        {
-            storage.Reset();
-            m_pRootStorage->DestroyElement(digits);
             return TraceErrorLine(THIS_FILE, __LINE__, hr);
-        }
+        undo.kept = true;
         // The new storage becomes the cached one, with its empty map.
         ForgetInstanceStorage(id);
         if (m_pInstanceStorage)
