@@ -9,6 +9,7 @@
 #include <sstream>
 #include <string>
 #include <nlohmann/json.hpp>
+#include "DamagedCopies.h"
 
 using Microsoft::WRL::ComPtr;
 using Json = nlohmann::ordered_json;
@@ -287,5 +288,25 @@ TEST(ToolDump, ExitCodesAndTheFileUnchanged)
     }
     EXPECT_EQ(0u, Tool(L"--help").code);
     EXPECT_NE(std::string::npos, Tool(L"import --help").out.find("usage: InstanceDataTool.exe import IN.json FILE"));
+}
+// Every kind of damage of the data-safety generator: dump and check end with
+// one of their exit codes (never a crash) and leave the copy as it was.
+TEST(ToolDump, DamagedCopiesOfEveryKind)
+{
+    CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED);
+    const std::wstring source = Store(L"source.stg", false), copy = File(L"copy.stg");
+    for (unsigned seed = 0; seed < damaged_copies::DamageKindCount(); ++seed)
+    {
+        std::string description;
+        ASSERT_HRESULT_SUCCEEDED(damaged_copies::MakeDamagedCopy(source.c_str(), copy.c_str(), seed, description));
+        const Bytes before = Contents(copy);
+        for (const wchar_t* command : {L"dump ", L"check "})
+        {
+            const Outcome run = Tool(command + Quote(copy));
+            EXPECT_LE(run.code, 2u) << description << "\n" << run.out;
+            EXPECT_EQ(before, Contents(copy)) << description;
+        }
+    }
+    CoUninitialize();
 }
 }  // namespace
