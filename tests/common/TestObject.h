@@ -6,6 +6,7 @@
 #include <windows.h>
 #include <oaidl.h>
 #include <comutil.h>
+#include <functional>
 #include <string>
 #include "FdtInterfaces.h"
 
@@ -33,11 +34,14 @@ public:
     virtual ~TestObject() = default;
 
     std::string failing;
+    // Runs before every getter (the concurrency tests call the store back from there).
+    std::function<void()> onGet = [] {};
 
 protected:
     template <class Out, class Field>
     HRESULT Give(const char* property, Out* out, const Field& field)
     {
+        onGet();
         return failing == property ? E_ACCESSDENIED : Copy(out, field);
     }
     static HRESULT Copy(BSTR* out, const _bstr_t& field) { return *out = field.copy(), S_OK; }

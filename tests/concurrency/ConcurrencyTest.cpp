@@ -85,53 +85,18 @@ private:
 
 const _bstr_t kNames[kParameters] = {L"P0", L"P1", L"P2", L"P3", L"P4"};
 
-// A DTM descriptor whose getters first run onGet.
-class HookedDtmDescriptor final : public TestObject<IFdtDtmDescriptor>
+// The caller's objects of these tests: what the store reads of them is checked afterwards.
+TestDtmDescriptor* CallerDescriptor()
 {
-public:
-    std::function<void()> onGet = [] {};
-    BYTE category = 1;
-    LONG classification = 0, application = 0, language = 0;
-    _bstr_t device = L"caller's device", node;
-#define HOOKED_PROPERTY(name, type, field)                                                \
-    STDMETHODIMP get_##name(type* value) override { return onGet(), Give(#name, value, field); } \
-    STDMETHODIMP put_##name(type value) override { return field = value, S_OK; }
-    HOOKED_PROPERTY(m_category, BYTE, category)
-    HOOKED_PROPERTY(m_classification, LONG, classification)
-    HOOKED_PROPERTY(m_device, BSTR, device)
-    HOOKED_PROPERTY(m_node, BSTR, node)
-    HOOKED_PROPERTY(m_application, LONG, application)
-    HOOKED_PROPERTY(m_language, LONG, language)
-};
+    auto* dtm = new TestDtmDescriptor;
+    dtm->device = L"caller's device";
+    return dtm;
+}
 
-// A parameter description whose getters first run onGet.
-class HookedParameter final : public TestObject<IFdtParameter>
+TestParameter* CallerParameter()
 {
-public:
-    std::function<void()> onGet = [] {};
-    _bstr_t name = L"FromCaller";
-    _variant_t value = _variant_t(42L), defaultValue;
-    LONG index = 0, size = 0, objectType = 0;
-    BYTE dataType = 0;
-    VARIANT_BOOL mandatory = 0, isPrivate = 0, isProtected = 0, locked = 0;
-    HOOKED_PROPERTY(m_name, BSTR, name)
-    HOOKED_PROPERTY(m_index, LONG, index)
-    HOOKED_PROPERTY(m_dataType, BYTE, dataType)
-    HOOKED_PROPERTY(m_size, LONG, size)
-    HOOKED_PROPERTY(m_objectType, LONG, objectType)
-    HOOKED_PROPERTY(m_mandatory, VARIANT_BOOL, mandatory)
-    HOOKED_PROPERTY(m_private, VARIANT_BOOL, isPrivate)
-    HOOKED_PROPERTY(m_protected, VARIANT_BOOL, isProtected)
-    HOOKED_PROPERTY(m_locked, VARIANT_BOOL, locked)
-    STDMETHODIMP get_m_value(VARIANT* out) override { return onGet(), VariantInit(out), VariantCopy(out, &value); }
-    STDMETHODIMP put_m_value(VARIANT in) override { return value = in, S_OK; }
-    STDMETHODIMP get_m_defaultValue(VARIANT* out) override
-    {
-        return onGet(), VariantInit(out), VariantCopy(out, &defaultValue);
-    }
-    STDMETHODIMP put_m_defaultValue(VARIANT in) override { return defaultValue = in, S_OK; }
-};
-#undef HOOKED_PROPERTY
+    return new TestParameter(L"FromCaller", _variant_t(42L));
+}
 
 // Parameter p as thread t writes it in round r: a number (even p) or its text
 // (odd p), from which p, t and r can be read back.
@@ -193,9 +158,7 @@ HRESULT DefineParameters(IFbInstanceData* store, BSTR id)
 {
     for (int p = 0; p < kParameters; ++p)
     {
-        ComPtr<HookedParameter> parameter = new HookedParameter;
-        parameter->name = kNames[p];
-        parameter->value = ValueOf(p, 0, 0);
+        ComPtr<TestParameter> parameter = new TestParameter(kNames[p], ValueOf(p, 0, 0));
         const HRESULT hr = store->WriteParameterInfo(nullptr, id, parameter.Get());
         if (FAILED(hr))
             return hr;
@@ -314,8 +277,8 @@ struct CallerObjectSet
 void BusyApartment(IStream** marshaled, HANDLE ready, HANDLE done, BSTR id, Outcome& outcome)
 {
     ComPtr<IFbInstanceData> store = StoreOfThisApartment();
-    ComPtr<IFdtDtmDescriptor> dtm = new HookedDtmDescriptor;
-    ComPtr<IFdtParameter> parameter = new HookedParameter;
+    ComPtr<IFdtDtmDescriptor> dtm = CallerDescriptor();
+    ComPtr<IFdtParameter> parameter = CallerParameter();
     outcome.Check(store && SUCCEEDED(CoMarshalInterThreadInterfaceInStream(IID_IFdtDtmDescriptor, dtm.Get(),
                                                                           &marshaled[0])) &&
                       SUCCEEDED(CoMarshalInterThreadInterfaceInStream(IID_IFdtParameter, parameter.Get(),
@@ -362,8 +325,8 @@ TEST_P(CallerObjects, CreateAndWriteParameterInfoComplete)
                               value == ValueOf(1, 0, 0),
                           "ReadParameter from the caller's object");
         };
-        auto* dtm = new HookedDtmDescriptor;
-        auto* parameter = new HookedParameter;
+        auto* dtm = CallerDescriptor();
+        auto* parameter = CallerParameter();
         dtm->onGet = parameter->onGet = callBack;
         objects.dtm = dtm;
         objects.parameter = parameter;
