@@ -1,5 +1,7 @@
 // The store's lock: an owner thread with a depth, and an auto-reset event
-// that every release sets so that one waiter tries again.
+// that a release sets, when somebody waits, so that one waiter tries again.
+// Setting an event is a call into the Wine server: a release without waiters
+// must not pay it.
 #include "StoreLock.h"
 #include <objbase.h>
 #include <atomic>
@@ -10,6 +12,7 @@ struct StoreLockState
 {
     std::atomic<DWORD> owner{0};   // thread id; 0 while nobody holds the store
     LONG depth = 0;                // changed by the owner only
+    std::atomic<LONG> waiters{0};  // threads between their first failed try and their last
     HANDLE released = CreateEventW(nullptr, FALSE, FALSE, nullptr);
 
     ~StoreLockState()
@@ -44,8 +47,16 @@ StoreLock::StoreLock()
         ++g_state.depth;
         return;
     }
-    for (DWORD expected = 0; !g_state.owner.compare_exchange_strong(expected, self); expected = 0)
-        WaitForRelease();
+    DWORD expected = 0;
+    if (!g_state.owner.compare_exchange_strong(expected, self))
+    {
+        // Counted before the next try: a release that comes after that try
+        // sees the count and sets the event; one before it lets the try succeed.
+        ++g_state.waiters;
+        for (expected = 0; !g_state.owner.compare_exchange_strong(expected, self); expected = 0)
+            WaitForRelease();
+        --g_state.waiters;
+    }
     g_state.depth = 1;
 }
 
@@ -54,5 +65,6 @@ StoreLock::~StoreLock()
     if (--g_state.depth)
         return;
     g_state.owner.store(0);
-    SetEvent(g_state.released);
+    if (g_state.waiters.load())
+        SetEvent(g_state.released);
 }
