@@ -6,6 +6,7 @@
 #include <comutil.h>
 #include <wrl/client.h>
 #include <map>
+#include <utility>
 #include <vector>
 #include "InstanceDataIdl.h"
 #include "DispatchImpl.h"
@@ -160,6 +161,11 @@ private:
     // failure leaves the cached instance storage without pending changes.
     template <class Body>
     HRESULT Operation(const char* file, int line, Body&& body);
+    // Runs body, which writes records of one instance, with their commits
+    // held back: the instance storage is committed once at the end, and a
+    // failure anywhere reverts every record that body wrote (Operation).
+    template <class Body>
+    HRESULT OneCommit(Body&& body);
     // Drops the cached instance storage and stream name map when they belong
     // to instanceId (any instance for null), so that nothing destroyed or
     // replaced is used again.
@@ -212,6 +218,8 @@ private:
     RecordStream m_adminStream;        // the "admin" stream, while an operation runs
     RecordStream m_element;            // the parameter or group stream of the operation
     bool m_bElementNew = false;        // m_element was just allocated
+    int m_heldCommits = 0;             // depth of OneCommit
+    Microsoft::WRL::ComPtr<IStorage> m_uncommitted;   // written under OneCommit, not yet committed
 };
 
 template <class Body>
@@ -238,6 +246,25 @@ HRESULT FbInstanceData::Operation(const char* file, int line, Body&& body)
         m_streamNameMap.Clear();
     }
     return hr;
+}
+
+template <class Body>
+HRESULT FbInstanceData::OneCommit(Body&& body)
+{
+    struct Depth
+    {
+        FbInstanceData& store;
+        ~Depth()
+        {
+            if (!--store.m_heldCommits)
+                store.m_uncommitted.Reset();
+        }
+    } depth{(++m_heldCommits, *this)};
+    const HRESULT hr = body();
+    if (m_heldCommits > 1)
+        return hr;
+    const Microsoft::WRL::ComPtr<IStorage> storage = std::move(m_uncommitted);
+    return SUCCEEDED(hr) && storage ? storage->Commit(STGC_DEFAULT) : hr;
 }
 
 // The exception guard of the store's interface operations.

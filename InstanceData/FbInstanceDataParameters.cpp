@@ -217,7 +217,9 @@ HRESULT FbInstanceData::WritePara(BSTR instanceId, bool writeAll, bool create)
         const size_t headEnd = m_element.headEnd < old.size() ? m_element.headEnd : old.size();
         out.Append(old.data() + headEnd, old.size() - headEnd);
     }
-    RETURN_IF_FAILED(m_element.Save(out.Buffer()));
+    RETURN_IF_FAILED(m_element.Save(out.Buffer(), !m_heldCommits));
+    if (m_heldCommits)
+        m_uncommitted = m_element.storage;
     return S_OK;
 }
 
@@ -251,15 +253,18 @@ HRESULT FbInstanceData::ChangeParameterFlag(BSTR instanceId, SAFEARRAY** nameLis
     RETURN_IF_NULL(copy.Get(), E_OUTOFMEMORY);
     ComVectorAccess<BSTR> names;
     RETURN_IF_FAILED_QUIET(AccessList(names, copy.Get()));
-    for (ULONG i = 0; i < names.Count(); ++i)
-    {
-        m_parameter.bstrName = CopyOf(names[i]);
-        RETURN_IF_FAILED(ReadPara(instanceId, false, false));
-        if (m_parameter.*flag != from)
-            continue;
-        m_parameter.*flag = to;
-        RETURN_IF_FAILED(WritePara(instanceId, false, false));
-    }
+    RETURN_IF_FAILED(OneCommit([&]() -> HRESULT {
+        for (ULONG i = 0; i < names.Count(); ++i)
+        {
+            m_parameter.bstrName = CopyOf(names[i]);
+            RETURN_IF_FAILED(ReadPara(instanceId, false, false));
+            if (m_parameter.*flag != from)
+                continue;
+            m_parameter.*flag = to;
+            RETURN_IF_FAILED(WritePara(instanceId, false, false));
+        }
+        return S_OK;
+    }));
     return S_OK;
 }
 
@@ -427,8 +432,12 @@ STDMETHODIMP FbInstanceData::WriteList(IFdtContext* Context, BSTR InstanceID, SA
         // anything is written, instead of reading past the values.
         if (values.Count() < names.Count())
             return E_INVALIDARG;
-        for (ULONG i = 0; i < names.Count(); ++i)
-            RETURN_IF_FAILED(WriteParameter(Context, InstanceID, names[i], values[i]));
+        // All names or none: a failing member takes back the values before it.
+        RETURN_IF_FAILED(OneCommit([&]() -> HRESULT {
+            for (ULONG i = 0; i < names.Count(); ++i)
+                RETURN_IF_FAILED(WriteParameter(Context, InstanceID, names[i], values[i]));
+            return S_OK;
+        }));
         return S_OK;
     });
 }
