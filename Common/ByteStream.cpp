@@ -40,20 +40,23 @@ HRESULT ReadWholeStream(IStream* stream, Bytes& bytes)
 {
     if (!stream)
         return E_POINTER;
-    bytes.clear();
-    ULONG request = kFirstRead;
-    for (;;)
+    // The first read goes to a buffer on the stack: a record that fits is
+    // copied at its own size, without clearing a large vector first.
+    BYTE first[kFirstRead];
+    ULONG read = 0;
+    HRESULT hr = stream->Read(first, kFirstRead, &read);
+    bytes.assign(first, first + read);
+    if (FAILED(hr) || read < kFirstRead)
+        return FAILED(hr) ? hr : S_OK;
+    for (ULONG request = kFirstRead * 2;; request = request < 0x1000000 ? request * 2 : request)
     {
         const size_t start = bytes.size();
         bytes.resize(start + request);
-        ULONG read = 0;
-        const HRESULT hr = stream->Read(bytes.data() + start, request, &read);
+        read = 0;
+        hr = stream->Read(bytes.data() + start, request, &read);
         bytes.resize(start + read);
-        if (FAILED(hr))
-            return hr;
-        if (read < request)
-            return S_OK;
-        request = request < 0x1000000 ? request * 2 : request;
+        if (FAILED(hr) || read < request)
+            return FAILED(hr) ? hr : S_OK;
     }
 }
 

@@ -1,6 +1,7 @@
 // Parameter groups: named, ordered lists of parameter names of one instance,
 // each in a stream of its own, and the reading and writing of their values.
 #include "FbInstanceData.h"
+#include "PersistedObject.h"
 #include <wrl/client.h>
 #include "Common/ErrorTrace.h"
 #include "Common/VariantCopy.h"
@@ -156,13 +157,21 @@ STDMETHODIMP FbInstanceData::ReadGroup(IFdtContext*, BSTR InstanceID, BSTR Name,
 STDMETHODIMP FbInstanceData::WriteGroup(IFdtContext* Context, BSTR InstanceID, BSTR Name,
                                         SAFEARRAY** ParameterValueSequence)
 {
-    STORE_ENTRY();
+    STORE_STATE();
+    // Object values are saved before the store is held.
+    ComVectorArray saved;
+    const HRESULT save = EXCEPTION_GUARD([&]() -> HRESULT {
+        return SaveCallerValues(ParameterValueSequence ? *ParameterValueSequence : nullptr, saved);
+    });
+    STORE_LOCK();
     return STORE_OPERATION([&]() -> HRESULT {
+        RETURN_IF_FAILED_QUIET(save);
         RETURN_IF_NULL(ParameterValueSequence, E_POINTER);
         // Value i goes to member i.
         ComVectorArray names;
         RETURN_IF_FAILED_QUIET(GroupMemberNames(InstanceID, Name, names, true));
         SAFEARRAY* members = names.Get();
-        return WriteList(Context, InstanceID, &members, ParameterValueSequence);
+        SAFEARRAY* values = saved.Get() ? saved.Get() : *ParameterValueSequence;
+        return WriteList(Context, InstanceID, &members, &values);
     });
 }

@@ -1,6 +1,7 @@
 // Parameters: the parameter streams and the value encoding, access to single
 // parameters and lists, and the locked and protected flags.
 #include "FbInstanceData.h"
+#include "PersistedObject.h"
 #include <wrl/client.h>
 #include <cstring>
 #include "Common/ErrorTrace.h"
@@ -285,19 +286,28 @@ STDMETHODIMP FbInstanceData::ReadParameter(IFdtContext*, BSTR InstanceID, BSTR N
 
 STDMETHODIMP FbInstanceData::WriteParameter(IFdtContext*, BSTR InstanceID, BSTR Name, VARIANT ParameterValue)
 {
-    STORE_ENTRY();
+    STORE_STATE();
+    // An object value is saved before the store is held.
+    _variant_t saved;
+    const HRESULT save = IsCallerObject(ParameterValue) ? EXCEPTION_GUARD([&]() -> HRESULT {
+        SaveCallerValue(ParameterValue, saved);
+        return S_OK;
+    }) : S_OK;
+    const VARIANT& value = IsCallerObject(ParameterValue) ? saved : ParameterValue;
+    STORE_LOCK();
     return STORE_OPERATION([&]() -> HRESULT {
+        RETURN_IF_FAILED_QUIET(save);
         m_parameter.bstrName = CopyOf(Name);
         RETURN_IF_FAILED(ReadPara(InstanceID, true, true));
-        if (SameValue(ParameterValue, m_parameter.value))
+        if (SameValue(value, m_parameter.value))
             return S_OK;
         // The stored VARTYPE wins: a value of another one is converted to it.
-        if (V_VT(&ParameterValue) == V_VT(&m_parameter.value))
-            CopyValue(m_parameter.value, ParameterValue);
+        if (V_VT(&value) == V_VT(&m_parameter.value))
+            CopyValue(m_parameter.value, value);
         else
         {
             _variant_t converted;
-            CopyValue(converted, ParameterValue);
+            CopyValue(converted, value);
             if (FAILED(VariantChangeType(&converted, &converted, 0, V_VT(&m_parameter.value))))
             {
                 g_StdPkTraceInstance.Trace(CPkTrace::LevelError, "FbInstanceData::WriteParameter can't convert type\n");
@@ -364,6 +374,10 @@ STDMETHODIMP FbInstanceData::WriteParameterInfo(IFdtContext*, BSTR InstanceID, I
         record.isPrivate = isPrivate != 0;
         record.isProtected = isProtected != 0;
         record.isLocked = isLocked != 0;
+        // Object values are saved now, before the store is held.
+        for (_variant_t* value : {&record.value, &record.defaultValue})
+            if (IsCallerObject(*value))
+                SaveCallerValue(_variant_t(*value), *value);
         return S_OK;
     });
     STORE_LOCK();
@@ -420,14 +434,21 @@ STDMETHODIMP FbInstanceData::ReadList(IFdtContext* Context, BSTR InstanceID, SAF
 STDMETHODIMP FbInstanceData::WriteList(IFdtContext* Context, BSTR InstanceID, SAFEARRAY** NameList,
                                        SAFEARRAY** ParameterValueSequence)
 {
-    STORE_ENTRY();
+    STORE_STATE();
+    // Object values are saved before the store is held.
+    ComVectorArray saved;
+    const HRESULT save = EXCEPTION_GUARD([&]() -> HRESULT {
+        return SaveCallerValues(ParameterValueSequence ? *ParameterValueSequence : nullptr, saved);
+    });
+    STORE_LOCK();
     return STORE_OPERATION([&]() -> HRESULT {
+        RETURN_IF_FAILED_QUIET(save);
         RETURN_IF_NULL(NameList, E_POINTER);
         RETURN_IF_NULL(ParameterValueSequence, E_POINTER);
         ComVectorAccess<BSTR> names;
         ComVectorAccess<VARIANT> values;
         RETURN_IF_FAILED_QUIET(AccessList(names, *NameList));
-        RETURN_IF_FAILED_QUIET(AccessList(values, *ParameterValueSequence));
+        RETURN_IF_FAILED_QUIET(AccessList(values, saved.Get() ? saved.Get() : *ParameterValueSequence));
         // Name i takes value i: fewer values than names is refused before
         // anything is written, instead of reading past the values.
         if (values.Count() < names.Count())

@@ -1,4 +1,5 @@
 #include "InstanceData/StoreFormat.h"
+#include <cwchar>
 #include "Common/ErrorTrace.h"
 
 // The formats give their failures back untraced: the callers trace them.
@@ -29,12 +30,18 @@ void WriteElementHead(ByteWriter& out, DWORD kind, const _bstr_t& name)
 
 void CopyName(WCHAR (&target)[32], const WCHAR* text)
 {
-    lstrcpynW(target, text ? text : L"", 32);
+    size_t i = 0;
+    for (; text && text[i] && i < 31; ++i)
+        target[i] = text[i];
+    target[i] = L'\0';
 }
 
 bool SameElementName(const WCHAR* left, const WCHAR* right)
 {
-    return CompareStringOrdinal(left ? left : L"", -1, right ? right : L"", -1, TRUE) == CSTR_EQUAL;
+    left = left ? left : L"";
+    right = right ? right : L"";
+    // Most names come back in the letter case they were stored in.
+    return wcscmp(left, right) == 0 || CompareStringOrdinal(left, -1, right, -1, TRUE) == CSTR_EQUAL;
 }
 
 DWORD InstanceNumberOf(const WCHAR* name)
