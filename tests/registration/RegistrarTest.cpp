@@ -118,17 +118,6 @@ TEST_F(RegistrarScript, FailingScriptsLeaveTheRegistryAsItWas)
     EXPECT_FALSE(KeyExists(HKEY_CURRENT_USER, Key("Second")));
 }
 
-TEST_F(RegistrarScript, EveryRootNameIsKnownShortAndLong)
-{
-    const std::string script =
-        "HKCR { } HKEY_CLASSES_ROOT { } HKCU { } HKEY_CURRENT_USER { } HKLM { } HKEY_LOCAL_MACHINE { } "
-        "HKU { } HKEY_USERS { } HKPD { } HKEY_PERFORMANCE_DATA { } HKDD { } HKEY_DYN_DATA { } "
-        "HKCC { } hkey_current_config { }";
-    EXPECT_EQ(S_OK, CRegistrar().RunScript(script.c_str(), true));
-    EXPECT_EQ(S_OK, CRegistrar().RunScript(script.c_str(), false));
-    EXPECT_EQ(S_OK, CRegistrar().RunScript("", true));
-}
-
 TEST_F(RegistrarScript, ForceRemoveAndDeleteSpareClsidAndTypeLib)
 {
     for (const char* stale : {"Force\\Stale", "Gone\\Child", "CLSID\\Keep", "TypeLib\\Keep"})
