@@ -4,7 +4,6 @@
 // there before. Runs in a Wine prefix of its own.
 #include <gtest/gtest.h>
 #include <ole2.h>
-#include "ChildProcess.h"
 #include "RegistrySnapshot.h"
 
 using namespace registry_snapshot;
@@ -45,17 +44,6 @@ DWORD Regsvr32(const std::wstring& switches, const wchar_t* file)
                               directory.c_str());
 }
 
-// What the FDT installation registers before any instance data module.
-void InstallFdtStandIns()
-{
-    CreateModuleList();
-    ITypeLib* library = nullptr;
-    if (SUCCEEDED(LoadTypeLibEx((child_process::ProgramDirectory() + L"FdtInterfaces.tlb").c_str(), REGKIND_REGISTER,
-                                &library)))
-        library->Release();
-    Regsvr32(L"/s", L"FdtRegisterComp.dll");
-}
-
 // Unregistering what is not registered, registering twice and unregistering:
 // only the module's keys change on the way, and the end is the start.
 TEST(RegistrySnapshot, OnlyTheModuleKeysChangeAndUnregistrationRestoresAll)
@@ -82,7 +70,7 @@ int main(int argc, char** argv)
     testing::InitGoogleTest(&argc, argv);
     if (FAILED(CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED)))
         return 2;
-    InstallFdtStandIns();
+    RegisterFdtStandIns(child_process::ProgramDirectory());
     const int result = RUN_ALL_TESTS();
     CoUninitialize();
     return result;
