@@ -1,11 +1,12 @@
 // The parts of the crash report (exception names, logical addresses, module
-// enumeration, text assembly, character forms, the fault guard) and whole
-// reports written inside this process.
+// enumeration, text assembly, the fault guard) and whole reports written
+// inside this process.
 #include <gtest/gtest.h>
 #include <windows.h>
 #include <tlhelp32.h>
 #include <algorithm>
 #include <cstdio>
+#include <functional>
 #include <iterator>
 #include <regex>
 #include <set>
@@ -24,23 +25,11 @@
 
 namespace
 {
-std::string SystemText(HMODULE module, DWORD code)
-{
-    char text[4096] = "";
-    return std::string(text, FormatMessageA(FORMAT_MESSAGE_IGNORE_INSERTS | FORMAT_MESSAGE_FROM_HMODULE, module,
-                                            code, 0, text, sizeof text, nullptr));
-}
-
-std::string Hex(const char* format, DWORD64 value)
-{
-    char text[32];
-    _snprintf(text, sizeof text, format, value);
-    return text;
-}
-
 std::string Address(DWORD64 value)
 {
-    return Hex(sizeof(void*) == 8 ? "%016I64X" : "%08I64X", value);
+    char text[32];
+    _snprintf(text, sizeof text, sizeof(void*) == 8 ? "%016I64X" : "%08I64X", value);
+    return text;
 }
 
 std::string ModulePath()
@@ -58,31 +47,12 @@ const IMAGE_SECTION_HEADER& CodeSection()
         base + reinterpret_cast<const IMAGE_DOS_HEADER*>(base)->e_lfanew));
 }
 
-DWORD64 CodeStart()
-{
-    return reinterpret_cast<ULONG_PTR>(GetModuleHandleW(nullptr)) + CodeSection().VirtualAddress;
-}
-
-size_t Occurrences(const std::string& text, const std::string& part)
-{
-    size_t count = 0;
-    for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1))
-        ++count;
-    return count;
-}
 }  // namespace
 
-TEST(ExceptionNames, TableNamesElseTheSystemText)
+TEST(ExceptionNames, TableNamesElseTheMessageTable)
 {
-    const std::pair<DWORD, const char*> named[] = {
-        {0x80000001, "GUARD_PAGE"},       {0x80000003, "BREAKPOINT"},
-        {0x80000004, "SINGLE_STEP"},      {0xC0000005, "ACCESS_VIOLATION"},
-        {0xC0000008, "INVALID_HANDLE"},   {0xC0000025, "NONCONTINUABLE_EXCEPTION"},
-        {0xC0000093, "FLT_UNDERFLOW"},    {0xC0000096, "PRIV_INSTRUCTION"},
-        {0xC00000FD, "STACK_OVERFLOW"}};
-    for (const auto& entry : named)
-        EXPECT_STREQ(entry.second, CExceptionNames::Lookup(entry.first)) << std::hex << entry.first;
-
+    EXPECT_STREQ("SINGLE_STEP", CExceptionNames::Lookup(0x80000004));
+    EXPECT_STREQ("STACK_OVERFLOW", CExceptionNames::Lookup(0xC00000FD));
     // Codes outside the table take the system text: Wine's NTDLL has none, so
     // the lookup is tried on this program's own message table.
     const HMODULE self = GetModuleHandleW(nullptr);
@@ -92,7 +62,6 @@ TEST(ExceptionNames, TableNamesElseTheSystemText)
     // and a null module all leave it empty.
     EXPECT_EQ(text, CExceptionNames::LookupMessage(self, 0xC1230077));
     EXPECT_STREQ("", text);
-    EXPECT_GT(SystemText(self, TEST_MESSAGE_TOO_LONG).size(), 512u);
     EXPECT_STREQ("", CExceptionNames::LookupMessage(self, TEST_MESSAGE_TOO_LONG));
     EXPECT_STREQ("", CExceptionNames::LookupMessage(nullptr, TEST_MESSAGE_WITH_INSERT));
 }
@@ -105,7 +74,8 @@ TEST(LogicalAddress, SectionEndIsInsideElseTheOutputsKeepTheirValues)
     char path[MAX_PATH] = "";
     DWORD section = 0;
     DWORD64 offset = 0;
-    ASSERT_TRUE(CLogicalAddress::Find(CodeStart() + end, path, sizeof path, section, offset));
+    const DWORD64 codeStart = reinterpret_cast<ULONG_PTR>(GetModuleHandleW(nullptr)) + code.VirtualAddress;
+    ASSERT_TRUE(CLogicalAddress::Find(codeStart + end, path, sizeof path, section, offset));
     EXPECT_EQ(1u, section);
     EXPECT_EQ(end, offset);
     EXPECT_EQ(ModulePath(), path);
@@ -153,8 +123,6 @@ TEST(ModuleEnumeration, BothWaysGiveAllBasesAndTheirLastErrors)
         EXPECT_EQ(DWORD(ERROR_INSUFFICIENT_BUFFER), GetLastError());
         EXPECT_EQ(expected.size(), count);
         EXPECT_TRUE(expected.count(two[0]));
-        EXPECT_FALSE(enumerate(id, 0, two, &count));
-        EXPECT_EQ(DWORD(ERROR_INSUFFICIENT_BUFFER), GetLastError());
 
         // Outputs that cannot be written: 87.
         const std::pair<HMODULE*, DWORD*> unwritable[] = {{bases, nullptr}, {bases, static_cast<DWORD*>(readOnly)},
@@ -165,9 +133,6 @@ TEST(ModuleEnumeration, BothWaysGiveAllBasesAndTheirLastErrors)
             EXPECT_FALSE(enumerate(id, 64, outputs.first, outputs.second));
             EXPECT_EQ(DWORD(ERROR_INVALID_PARAMETER), GetLastError());
         }
-        SetLastError(0);
-        EXPECT_FALSE(enumerate(0xFFFFFFF0u, 0, nullptr, &count));  // no such process
-        EXPECT_NE(0u, GetLastError());
     }
     VirtualFree(readOnly, 0, MEM_RELEASE);
 }
@@ -208,8 +173,6 @@ TEST(FaultGuard, FaultEndsOnlyTheGuardedPiece)
     EXPECT_FALSE(CFaultGuard::IsProcessorFault(DBG_PRINTEXCEPTION_C));
 }
 
-// --- whole reports of this process ------------------------------------------
-
 namespace
 {
 #ifdef _WIN64
@@ -218,65 +181,62 @@ DWORD64 InstructionPointer(const CONTEXT& context) { return context.Rip; }
 DWORD64 InstructionPointer(const CONTEXT& context) { return context.Eip; }
 #endif
 
-// A report of an exception "raised" here, with this frame's context.
-__attribute__((noinline)) std::string ReportRaisedHere(DWORD code, CONTEXT& context)
+// A report of an exception "raised" here, with this frame's context, and the
+// address where it says the fault is.
+__attribute__((noinline)) std::string ReportRaisedHere(DWORD code, std::string& fault)
 {
     TraceCapture trace;
+    CONTEXT context = {};
     CAPTURE_CONTEXT(&context);
     EXCEPTION_RECORD record = {};
     record.ExceptionCode = code;
     record.ExceptionAddress = reinterpret_cast<void*>(static_cast<ULONG_PTR>(InstructionPointer(context)));
     EXCEPTION_POINTERS pointers = {&record, &context};
     WriteExceptionReport(&pointers);
+    fault = Address(InstructionPointer(context));
     return trace.Text();
 }
 
-__attribute__((noinline)) std::string ReportWithoutInput(const EXCEPTION_POINTERS* input)
+// Without readable input (no context, or a pointer that cannot be read) the
+// report substitutes a single step at the start of the report function.
+__attribute__((noinline)) std::string ReportWithoutInput(const EXCEPTION_POINTERS* input, std::string& fault)
 {
     TraceCapture trace;
     WriteExceptionReport(input);
+    fault = Address(reinterpret_cast<ULONG_PTR>(&WriteExceptionReport));
     return trace.Text();
 }
 }  // namespace
 
-TEST(ExceptionReport, ExceptionInputGivesItsCodeFaultRegistersAndFirstFrame)
+TEST(ExceptionReport, CodeFaultRegistersAndBothWalksStartAtTheFault)
 {
-    for (const auto& exception : {std::make_pair(0xC0000005u, std::string("ACCESS_VIOLATION")),
-                                  std::make_pair(0x80000003u, std::string("BREAKPOINT"))})
-    {
-        CONTEXT context = {};
-        const std::string report = ReportRaisedHere(exception.first, context);
-        const DWORD64 ip = InstructionPointer(context);
-        const std::string head = "//--- begin of report ---\n//=====================================================\n"
-                                 "Exception code: " + Hex("%08I64X", exception.first) + " " + exception.second +
-                                 "\nFault address:  " + Address(ip) + " 01:" + Hex("%08I64X", ip - CodeStart()) +
-                                 " " + ModulePath() + "\n";
-        ASSERT_EQ(head, report.substr(0, head.size()));
-        EXPECT_TRUE(std::regex_search(report, std::regex("\nRegisters:\n(.*\n){6,16}CS:[ER]IP:[0-9A-F]{4}:" +
-                                                         Address(ip) + "\n")));
-        // Both walks start in the raising function.
-        EXPECT_EQ(2u, Occurrences(report, "SourceFile\n" + Address(ip) + "  "));
-        EXPECT_NE(std::string::npos, report.find("  ReportRaisedHere+")) << report;
-    }
-}
-
-// No input at all is the pure-virtual-call case of CrashReportTest.
-TEST(ExceptionReport, WithoutReadableInputTheSubstituteStartsInTheReportFunction)
-{
-    const std::string start = Address(reinterpret_cast<ULONG_PTR>(&WriteExceptionReport));
-    const std::regex firstFrames("^SourceFile\n" + start + "  [0-9A-F]+  WriteExceptionReport\\+0  [^\n]*\n"
-                                 "[0-9A-F]+  [0-9A-F]+  ReportWithoutInput\\+");
     EXCEPTION_RECORD record = {};
     const EXCEPTION_POINTERS noContext = {&record, nullptr};
-    for (const EXCEPTION_POINTERS* input : {&noContext, reinterpret_cast<const EXCEPTION_POINTERS*>(ULONG_PTR(0x10))})
+    const struct
     {
-        const std::string report = ReportWithoutInput(input);
-        EXPECT_NE(std::string::npos, report.find("\nException code: 80000004 SINGLE_STEP\nFault address:  " +
-                                                 start + " 01:"));
-        EXPECT_TRUE(std::regex_search(report.substr(report.find("\nRegisters:"), 800),
-                                      std::regex("\nCS:[ER]IP:[0-9A-F]{4}:" + start + "\n")));
-        // The report function at its start, then its caller; the second walk starts there too.
-        EXPECT_TRUE(std::regex_search(report.substr(report.find("SourceFile\n"), 400), firstFrames)) << report;
-        EXPECT_EQ(2u, Occurrences(report, "SourceFile\n" + start + "  "));
+        const char* code;
+        const char* firstFunction;
+        std::function<std::string(std::string&)> report;
+    } cases[] = {
+        {"C0000005 ACCESS_VIOLATION", "ReportRaisedHere", [](std::string& f) { return ReportRaisedHere(0xC0000005, f); }},
+        {"80000003 BREAKPOINT", "ReportRaisedHere", [](std::string& f) { return ReportRaisedHere(0x80000003, f); }},
+        {"80000004 SINGLE_STEP", "WriteExceptionReport", [&](std::string& f) { return ReportWithoutInput(&noContext, f); }},
+        {"80000004 SINGLE_STEP", "WriteExceptionReport", [](std::string& f) {
+             return ReportWithoutInput(reinterpret_cast<const EXCEPTION_POINTERS*>(ULONG_PTR(0x10)), f);
+         }},
+    };
+    for (const auto& c : cases)
+    {
+        SCOPED_TRACE(c.code);
+        std::string fault;
+        const std::string report = c.report(fault);
+        EXPECT_NE(std::string::npos, report.find(std::string("\nException code: ") + c.code + "\nFault address:  " +
+                                                 fault + " 01:"))
+            << report.substr(0, 300);
+        EXPECT_NE(std::string::npos, report.find(" " + ModulePath() + "\n"));
+        EXPECT_TRUE(std::regex_search(report, std::regex("\nCS:[ER]IP:[0-9A-F]{4}:" + fault + "\n")));
+        // Both walks start there, in the function that is expected.
+        const std::regex walk("SourceFile\n" + fault + "  [0-9A-F]+  " + c.firstFunction + "\\+");
+        EXPECT_EQ(2, std::distance(std::sregex_iterator(report.begin(), report.end(), walk), std::sregex_iterator()));
     }
 }

@@ -3,7 +3,6 @@
 # CrashReportTest's ErrorBox test finds the box, checks it and presses OK.
 # Usage: error_box_test.sh <wine-run.sh> <CrashReportTest.exe>
 set -euo pipefail
-SECONDS=0; log() { echo "[$SECONDS s] $*"; }
 wine_run="$1"
 test_program="$2"
 wineserver="$(dirname "$(command -v wine64 || echo /usr/lib/wine/wine64)")/wineserver"
@@ -21,7 +20,6 @@ xvfb=$!
 root="$(cd "$(dirname "$wine_run")/.." && pwd)"
 export WINEPREFIX="${WINEPREFIX:-$root/build/x86_64/wineprefix}"
 cleanup() {
-  log "test ended"
   "$wineserver" -w 2>/dev/null || true
   kill "$xvfb" 2>/dev/null || true
   wait "$xvfb" 2>/dev/null || true
@@ -32,9 +30,7 @@ for _ in $(seq 100); do
   sleep 0.1
 done
 [ -e "/tmp/.X11-unix/X${display}" ] || { echo "Xvfb :${display} did not start"; exit 1; }
-log "display :${display} up"
 "$wineserver" -w 2>/dev/null || true
-log "previous wine session ended"
 
 # The test must run here, not skip for want of a display.
 CRASH_ERROR_BOX_REQUIRED=1 DISPLAY=":${display}" "$wine_run" "$test_program" --gtest_filter='ErrorBox.*'

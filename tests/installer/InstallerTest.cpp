@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 #include <ole2.h>
 #include <msi.h>
-#include "ChildProcess.h"
 #include "RegistrySnapshot.h"
 
 using namespace registry_snapshot;
@@ -53,19 +52,13 @@ bool Exists(const std::wstring& path)
 // process started from now on (msiexec and the regsvr32 it runs).
 void InstallFdtStandIns()
 {
-    CreateModuleList();
     // Keys the installer service keeps once any product was installed.
     for (const char* key : {"Installer\\Features", "Installer\\Products", "Installer\\UpgradeCodes"})
         RegCloseKey(registry_dump::CreateKey(HKEY_CLASSES_ROOT, key));
-    const std::wstring build = child_process::ProgramDirectory();
     CreateDirectoryW(kFdtFolder.c_str(), nullptr);
     for (const wchar_t* file : {L"FdtEnlist.exe", L"FdtRegisterComp.dll", L"FdtInterfaces.tlb"})
-        CopyFileW((build + file).c_str(), (kFdtFolder + L"\\" + file).c_str(), FALSE);
-    ITypeLib* library = nullptr;
-    if (SUCCEEDED(LoadTypeLibEx((kFdtFolder + L"\\FdtInterfaces.tlb").c_str(), REGKIND_REGISTER, &library)))
-        library->Release();
-    child_process::Run(child_process::SystemProgram(L"regsvr32.exe") + L" /s \"" + kFdtFolder +
-                       L"\\FdtRegisterComp.dll\"");
+        CopyFileW((child_process::ProgramDirectory() + file).c_str(), (kFdtFolder + L"\\" + file).c_str(), FALSE);
+    RegisterFdtStandIns(kFdtFolder + L"\\");
     wchar_t path[32768];
     const DWORD length = GetEnvironmentVariableW(L"PATH", path, 32768);
     SetEnvironmentVariableW(L"PATH", (std::wstring(path, length) + L";" + kFdtFolder).c_str());

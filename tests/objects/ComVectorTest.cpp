@@ -33,31 +33,6 @@ TEST_F(ComVector, CreatesZeroFilledArraysOfEachKindFromTheirLowerBound)
     ExpectZeroFilledArray<BSTR>(VT_BSTR, 0, 0);
 }
 
-TEST_F(ComVector, AttachRefusesWhatIsNotOneDimensionalOfItsKind)
-{
-    TraceCapture trace;
-    ComVectorAccess<BSTR> access;
-    EXPECT_EQ(E_INVALIDARG, access.Attach(nullptr));
-    SAFEARRAYBOUND bounds[2] = {{2, 0}, {3, 0}};
-    SAFEARRAY* square = SafeArrayCreate(VT_BSTR, 2, bounds);
-    EXPECT_EQ(E_INVALIDARG, access.Attach(square));
-    EXPECT_EQ(0u, access.Count());
-    EXPECT_EQ(nullptr, access.Data());
-    EXPECT_EQ(S_OK, SafeArrayDestroy(square)) << "a refused array is not left locked";
-
-    // Another element kind would be read with the wrong layout; arrays of a
-    // dispatch interface hold interface pointers.
-    SAFEARRAY* values = SafeArrayCreateVector(VT_VARIANT, 0, 2);
-    SAFEARRAY* dispatches = SafeArrayCreateVector(VT_DISPATCH, 0, 1);
-    EXPECT_EQ(E_INVALIDARG, access.Attach(values));
-    EXPECT_EQ(E_INVALIDARG, ComVectorAccess<IUnknown*>().Attach(values));
-    EXPECT_EQ(S_OK, ComVectorAccess<VARIANT>().Attach(values));   // each temporary releases its lock
-    EXPECT_EQ(S_OK, ComVectorAccess<IUnknown*>().Attach(dispatches));
-    EXPECT_EQ(S_OK, SafeArrayDestroy(values));
-    EXPECT_EQ(S_OK, SafeArrayDestroy(dispatches));
-    EXPECT_TRUE(trace.Lines().empty()) << trace.Text();
-}
-
 TEST_F(ComVector, DetachToDestroysWhatTheOutParameterHeld)
 {
     ComVectorArray owner;

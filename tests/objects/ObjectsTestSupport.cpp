@@ -1,12 +1,7 @@
 #include "ObjectsTestSupport.h"
-#include <new>
-#include <cstdlib>
-#include <utility>
 
 namespace
 {
-bool g_failNextAllocation = false;
-
 // Counts the task allocator's blocks allocated and not yet freed.
 class CountingMallocSpy final : public IMallocSpy
 {
@@ -64,14 +59,6 @@ private:
 
 testing::Environment* const g_environment = testing::AddGlobalTestEnvironment(new ObjectsEnvironment);
 }  // namespace
-
-// The program's nothrow allocation, which a test can make fail once.
-void* operator new(std::size_t size, const std::nothrow_t&) noexcept
-{
-    return std::exchange(g_failNextAllocation, false) ? nullptr : std::malloc(size ? size : 1);
-}
-
-void FailNextAllocation() { g_failNextAllocation = true; }
 
 void LeakCheckedTest::SetUp()
 {

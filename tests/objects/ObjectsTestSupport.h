@@ -7,8 +7,6 @@
 
 // Data objects alive in this program: each holds one lock of the module.
 inline LONG LiveDataObjects() { return _Module.GetLockCount(); }
-// The next nothrow allocation of this program fails.
-void FailNextAllocation();
 
 // Fails a test that leaves a data object alive or a BSTR or SAFEARRAY allocated.
 class LeakCheckedTest : public testing::Test

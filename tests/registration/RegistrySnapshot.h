@@ -8,10 +8,52 @@
 // The classes root is saved to a file in one call (RegSaveKey) and read back:
 // walking its ten thousand keys one call at a time takes half a minute under
 // Wine. The file is in Wine's registry format; key time stamps are dropped.
+#include <ole2.h>
 #include <cstdio>
 #include <fstream>
 #include <set>
 #include "RegistryDump.h"
+
+// Runs a program to its end, as an administrator's command line would.
+namespace child_process
+{
+constexpr DWORD kNotFinished = 0xFFFFFFFF;
+
+// The exit code of the command line run in directory (nullptr: this one);
+// kNotFinished when it could not start or did not end within timeoutMs.
+inline DWORD Run(std::wstring commandLine, const wchar_t* directory = nullptr, DWORD timeoutMs = 120000)
+{
+    STARTUPINFOW startup = {sizeof startup};
+    PROCESS_INFORMATION process = {};
+    if (!CreateProcessW(nullptr, &commandLine[0], nullptr, nullptr, FALSE, 0, nullptr, directory, &startup, &process))
+        return kNotFinished;
+    CloseHandle(process.hThread);
+    DWORD exitCode = kNotFinished;
+    if (WaitForSingleObject(process.hProcess, timeoutMs) == WAIT_OBJECT_0)
+        GetExitCodeProcess(process.hProcess, &exitCode);
+    else
+        TerminateProcess(process.hProcess, kNotFinished);
+    CloseHandle(process.hProcess);
+    return exitCode;
+}
+
+inline std::wstring SystemProgram(const wchar_t* name)
+{
+    wchar_t directory[MAX_PATH];
+    const UINT length = GetSystemDirectoryW(directory, MAX_PATH);
+    return L"\"" + std::wstring(directory, length) + L"\\" + name + L"\"";
+}
+
+// The folder of this program, with a trailing backslash.
+inline std::wstring ProgramDirectory()
+{
+    wchar_t path[MAX_PATH];
+    const DWORD length = GetModuleFileNameW(nullptr, path, MAX_PATH);
+    const std::wstring program(path, length);
+    return program.substr(0, program.find_last_of(L"\\/") + 1);
+}
+}  // namespace child_process
+
 
 namespace registry_snapshot
 {
@@ -98,10 +140,15 @@ inline Snapshot Take()
     return snapshot;
 }
 
-// The FDT installation's list of modules, before any module enlists.
-inline void CreateModuleList()
+// What the FDT installation registers from its folder before any module
+// enlists: the module list, the interface library and the registration component.
+inline void RegisterFdtStandIns(const std::wstring& folder)
 {
     RegCloseKey(registry_dump::CreateKey(HKEY_LOCAL_MACHINE, "Software\\Korvo\\FDT\\Modules"));
+    ITypeLib* library = nullptr;
+    if (SUCCEEDED(LoadTypeLibEx((folder + L"FdtInterfaces.tlb").c_str(), REGKIND_REGISTER, &library)))
+        library->Release();
+    child_process::Run(child_process::SystemProgram(L"regsvr32.exe") + L" /s \"" + folder + L"FdtRegisterComp.dll\"");
 }
 
 // The module's keys, and the FDT interface keys (the four descriptors) that
