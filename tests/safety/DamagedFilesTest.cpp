@@ -40,12 +40,12 @@ struct Operation
 };
 
 const Operation kOperations[] = {
-    {"Create", {}, nullptr, [](IFbInstanceData* s) { return NewInstance(s); }},
+    {"Create", {}, nullptr, [](IFbInstanceData* s) { return CreateIn(s); }},
     {"Duplicate", {}, nullptr, [](IFbInstanceData* s) { _bstr_t id; return s->Duplicate(nullptr, B(L"1"), id.GetAddress()); }},
     {"WriteParameter", {"1"}, nullptr, [](IFbInstanceData* s) { return s->WriteParameter(nullptr, B(L"1"), B(L"i4"), _variant_t(11L)); }},
-    {"WriteParameterInfo new", {"1"}, nullptr, [](IFbInstanceData* s) { return Define(s, L"1", L"new", L"n"); }},
-    {"WriteParameterInfo existing", {"2"}, nullptr, [](IFbInstanceData* s) { return Define(s, L"2", L"x", 8.5); }},
-    {"WriteParameterInfo failing", {"1"}, nullptr, [](IFbInstanceData* s) { return Define(s, L"1", L"str", NullValue()); }},
+    {"WriteParameterInfo new", {"1"}, nullptr, [](IFbInstanceData* s) { return DefineIn(s, L"1", L"new", L"n"); }},
+    {"WriteParameterInfo existing", {"2"}, nullptr, [](IFbInstanceData* s) { return DefineIn(s, L"2", L"x", 8.5); }},
+    {"WriteParameterInfo failing", {"1"}, nullptr, [](IFbInstanceData* s) { return DefineIn(s, L"1", L"str", NullValue()); }},
     {"WriteList", {"1"}, nullptr, [](IFbInstanceData* s) {
          Array names{MakeBstrArray({L"r8", L"str"})}, values{MakeValueArray({3.5, L"list"})};
          return s->WriteList(nullptr, B(L"1"), &names.p, &values.p);
@@ -54,7 +54,7 @@ const Operation kOperations[] = {
          Array values{MakeValueArray({9L, L"group"})};
          return s->WriteGroup(nullptr, B(L"2"), B(L"gb"), &values.p);
      }},
-    {"DefineGroup", {"1"}, nullptr, [](IFbInstanceData* s) { return NewGroup(s, L"1", L"gnew", 9, {L"i4", L"date"}); }},
+    {"DefineGroup", {"1"}, nullptr, [](IFbInstanceData* s) { return GroupIn(s, L"1", L"gnew", 9, {L"i4", L"date"}); }},
     {"LockParameter", {"2"}, nullptr, [](IFbInstanceData* s) { return WithNames(s, &IFbInstanceData::LockParameter, L"2", L"x"); }},
     {"UnlockParameter", {"1"}, nullptr, [](IFbInstanceData* s) { return WithNames(s, &IFbInstanceData::UnlockParameter, L"1", L"i4"); }},
     {"ProtectParameter", {"1"}, nullptr, [](IFbInstanceData* s) { return WithNames(s, &IFbInstanceData::ProtectParameter, L"1", L"r8"); }},

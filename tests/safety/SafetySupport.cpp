@@ -183,20 +183,20 @@ HRESULT OpenIn(IInstanceDataMgr* manager, const std::wstring& path, ComPtr<IStor
     return path.empty() ? S_OK : manager->OpenStorage(_bstr_t(path.c_str()), &root);
 }
 
-HRESULT NewInstance(IFbInstanceData* store, _bstr_t* id)
+HRESULT CreateIn(IFbInstanceData* store, _bstr_t* id)
 {
     _bstr_t made;
     return store->Create(nullptr, ComPtr<TestDtmDescriptor>(new TestDtmDescriptor).Get(),
                          ComPtr<TestCommDescriptor>(new TestCommDescriptor).Get(), (id ? id : &made)->GetAddress());
 }
 
-HRESULT Define(IFbInstanceData* store, const wchar_t* id, const wchar_t* name, const _variant_t& value,
+HRESULT DefineIn(IFbInstanceData* store, const wchar_t* id, const wchar_t* name, const _variant_t& value,
                const _variant_t& defaultValue)
 {
     return store->WriteParameterInfo(nullptr, _bstr_t(id), ComPtr<TestParameter>(new TestParameter(name, value, defaultValue)).Get());
 }
 
-HRESULT NewGroup(IFbInstanceData* store, const wchar_t* id, const wchar_t* name, BYTE groupId, const Names& members)
+HRESULT GroupIn(IFbInstanceData* store, const wchar_t* id, const wchar_t* name, BYTE groupId, const Names& members)
 {
     Array list{MakeBstrArray(members)};
     return store->DefineGroup(nullptr, _bstr_t(id), _bstr_t(name), groupId, &list.p);
@@ -249,7 +249,7 @@ const std::wstring& ModelFile()
         Names members;
     } groups[] = {{L"1", L"g1", 3, {L"i4", L"str"}}, {L"1", L"g2", 4, {L"r8"}}, {L"2", L"gb", 5, {L"x", L"str"}}};
     for (const auto& group : groups)
-        EXPECT_EQ(S_OK, NewGroup(store.Get(), group.id, group.name, group.groupId, group.members));
+        EXPECT_EQ(S_OK, GroupIn(store.Get(), group.id, group.name, group.groupId, group.members));
     Array locked{MakeBstrArray({L"i4"})};
     EXPECT_EQ(S_OK, store->LockParameter(nullptr, _bstr_t(L"1"), &locked.p));
     EXPECT_EQ(S_OK, store->ProtectParameter(nullptr, _bstr_t(L"1"), &locked.p));

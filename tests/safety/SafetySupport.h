@@ -43,10 +43,10 @@ struct Array
 };
 
 // The store's writers with the test's own objects.
-HRESULT NewInstance(IFbInstanceData* store, _bstr_t* id = nullptr);
-HRESULT Define(IFbInstanceData* store, const wchar_t* id, const wchar_t* name, const _variant_t& value,
+HRESULT CreateIn(IFbInstanceData* store, _bstr_t* id = nullptr);
+HRESULT DefineIn(IFbInstanceData* store, const wchar_t* id, const wchar_t* name, const _variant_t& value,
                const _variant_t& defaultValue = _variant_t());
-HRESULT NewGroup(IFbInstanceData* store, const wchar_t* id, const wchar_t* name, BYTE groupId, const Names& members);
+HRESULT GroupIn(IFbInstanceData* store, const wchar_t* id, const wchar_t* name, BYTE groupId, const Names& members);
 inline _variant_t NullValue()
 {
     _variant_t value;

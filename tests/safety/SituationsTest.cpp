@@ -47,99 +47,77 @@ void ExpectSame(const Snapshot& expected, const Snapshot& actual, std::initializ
     }
 }
 
-// A copy of the model file per test, opened as a frame opens it; at the end
-// nothing of the test keeps the module loaded.
-class Situations : public ::testing::Test
+// A copy of the model file per test, opened as a frame opens it.
+class Situations : public StoreSession
 {
 public:
-    IFbInstanceData* Store() { return m_store.Get(); }
-
-protected:
     void SetUp() override
     {
-        const _bstr_t name(::testing::UnitTest::GetInstance()->current_test_info()->name());
-        m_file = TestFilesDirectory() + L"safety-" + static_cast<const wchar_t*>(name) + L".stg";
-        m_store = CreateStore();
-        ASSERT_EQ(S_OK, m_store.As(&m_manager));
+        StoreSession::SetUp();
         Fresh();
+        Open();
     }
     void TearDown() override
     {
-        Close();
-        m_store.Reset(), m_manager.Reset();
-        EXPECT_EQ(S_OK, ServerModule::CanUnloadNow());
-        RemoveFiles();
+        StoreSession::TearDown();
+        RemoveKeptFiles();
     }
-    void RemoveFiles()
+    void RemoveKeptFiles()
     {
-        for (const wchar_t* suffix : {L"", L".unreadable", L".unreadable.1"})
-            DeleteFileW((m_file + suffix).c_str());
+        for (const wchar_t* suffix : {L".unreadable", L".unreadable.1"})
+            DeleteFileW((std::wstring(Path()) + suffix).c_str());
     }
     // Gives the file up and makes it a new copy of the model.
     void Fresh()
     {
-        Close();
-        ASSERT_TRUE(CopyFileW(ModelFile().c_str(), m_file.c_str(), FALSE));
+        GiveUp();
+        ASSERT_TRUE(CopyFileW(ModelFile().c_str(), Path(), FALSE));
     }
-    HRESULT Open() { return OpenIn(m_manager.Get(), m_file, m_root); }
-    void Close() { OpenIn(m_manager.Get(), L"", m_root); }
-    void Reopen()
-    {
-        ASSERT_EQ(S_OK, m_root->Commit(STGC_DEFAULT));
-        ASSERT_EQ(S_OK, Open());
-    }
-
-    std::wstring m_file;
-    ComPtr<IFbInstanceData> m_store;
-    ComPtr<IInstanceDataMgr> m_manager;
-    ComPtr<IStorage> m_root;
 };
 }  // namespace
 
-// Delete removes instance storages only: the administration stream in any
-// letter case and any other element are refused, and nothing changes.
-TEST_F(Situations, DeleteRefusesWhatIsNoInstance)
+// A call that is refused or fails half way changes nothing, also once a later
+// write of the same instance is committed. Delete removes instance storages
+// only: the administration stream in any letter case and any other element
+// are refused.
+TEST_F(Situations, RefusedAndFailedCallsChangeNothing)
 {
-    ASSERT_EQ(S_OK, Open());
     ComPtr<IStream> stream;
     ComPtr<IStorage> storage;
     const DWORD mode = STGM_READWRITE | STGM_SHARE_EXCLUSIVE;
-    ASSERT_EQ(S_OK, m_root->CreateStream(L"5", mode, 0, 0, &stream));
-    ASSERT_EQ(S_OK, m_root->CreateStorage(L"x", mode, 0, 0, &storage));
-    ASSERT_EQ(S_OK, m_root->CreateStorage(L"01", mode, 0, 0, &storage));
+    ASSERT_EQ(S_OK, Root()->CreateStream(L"5", mode, 0, 0, &stream));
+    ASSERT_EQ(S_OK, Root()->CreateStorage(L"x", mode, 0, 0, &storage));
+    ASSERT_EQ(S_OK, Root()->CreateStorage(L"01", mode, 0, 0, &storage));
     stream.Reset(), storage.Reset();
-    const Snapshot before = Take(Store());
-    const std::set<std::wstring> names = RootNames(m_root.Get());
-    for (const wchar_t* name : {L"ADMIN", L"Admin", L"admin", L"5", L"x", L"01", L"0", L"-1"})
-    {
-        TraceCapture trace;
-        EXPECT_EQ(E_INVALIDARG, Store()->Delete(nullptr, B(name))) << Narrow(name);
-        EXPECT_TRUE(trace.Contains("FbInstanceData::Delete " + Narrow(name) + " is not an instance")) << trace.Text();
-        EXPECT_EQ(names, RootNames(m_root.Get())) << Narrow(name);
-    }
-    Reopen();
-    ExpectSame(before, Take(Store()));
-}
-
-// A writer that fails half way leaves the instance as it was, also once a
-// later write of the same instance is committed.
-TEST_F(Situations, FailedRewriteLeavesTheInstance)
-{
     _variant_t array;
     V_VT(&array) = VT_ARRAY | VT_I4;
     V_ARRAY(&array) = SafeArrayCreateVector(VT_I4, 0, 2);
-    const Call writers[] = {
-        [](IFbInstanceData* s) { return Define(s, L"1", L"str", NullValue()); },
-        [&](IFbInstanceData* s) { return Define(s, L"1", L"i4", array); },
-        [](IFbInstanceData* s) { return Define(s, L"1", L"r8", 1.0, NullValue()); },
-        [](IFbInstanceData* s) { return s->WriteParameter(nullptr, B(L"1"), B(L"date"), NullValue()); },
-    };
-    ASSERT_EQ(S_OK, Open());
-    const Snapshot before = Take(Store());
-    for (size_t i = 0; i < sizeof writers / sizeof writers[0]; ++i)
+    struct Row
     {
-        SCOPED_TRACE(i);
-        EXPECT_TRUE(FAILED(writers[i](Store())));
+        std::string name;
+        Call call;
+        std::string message;   // traced, when given
+        HRESULT refusal;       // the result, when it is not any failure
+    };
+    std::vector<Row> rows = {
+        {"null parameter value", [](IFbInstanceData* s) { return DefineIn(s, L"1", L"str", NullValue()); }},
+        {"array parameter value", [&](IFbInstanceData* s) { return DefineIn(s, L"1", L"i4", array); }},
+        {"null default value", [](IFbInstanceData* s) { return DefineIn(s, L"1", L"r8", 1.0, NullValue()); }},
+        {"null value", [](IFbInstanceData* s) { return s->WriteParameter(nullptr, B(L"1"), B(L"date"), NullValue()); }},
+    };
+    for (const wchar_t* name : {L"ADMIN", L"Admin", L"admin", L"5", L"x", L"01", L"0", L"-1"})
+        rows.push_back({"Delete " + Narrow(name), [=](IFbInstanceData* s) { return s->Delete(nullptr, B(name)); },
+                        "FbInstanceData::Delete " + Narrow(name) + " is not an instance", E_INVALIDARG});
+    const Snapshot before = Take(Store());
+    const std::set<std::wstring> names = RootNames(Root());
+    for (size_t i = 0; i < rows.size(); ++i)
+    {
+        SCOPED_TRACE(rows[i].name);
+        TraceCapture trace;
+        const HRESULT hr = rows[i].call(Store());
+        EXPECT_TRUE(rows[i].refusal ? hr == rows[i].refusal : FAILED(hr)) << Hex(hr);
+        EXPECT_TRUE(trace.Contains(rows[i].message)) << trace.Text();
+        EXPECT_EQ(names, RootNames(Root()));
         ASSERT_EQ(S_OK, Store()->WriteParameter(nullptr, B(L"1"), B(L"flag"), _variant_t(i % 2 == 0)));
         Reopen();
         ExpectSame(before, Take(Store()), {"flag", "1|list"});
@@ -178,11 +156,11 @@ TEST_F(Situations, DamagedStreamsAreRefusedOrRepaired)
         {L"1/map", badString(L"i4", true), [](IFbInstanceData* s) { Array m; return s->GetAllParameters(nullptr, B(L"1"), &m.p); }},
         {L"2/instance", badString(L"1", false),
          [](IFbInstanceData* s) { ComPtr<IFdtInstanceDataRef> r; return s->GetSuperInstanceData(nullptr, B(L"2"), &r); }},
-        {L"admin", counter(1), [](IFbInstanceData* s) { return NewInstance(s); },
+        {L"admin", counter(1), [](IFbInstanceData* s) { return CreateIn(s); },
          "FbInstanceData::Create next instance number 1 is in use: 4 taken", 4},
-        {L"1/map", counter(0), [](IFbInstanceData* s) { return Define(s, L"1", L"new", 1L); },
+        {L"1/map", counter(0), [](IFbInstanceData* s) { return DefineIn(s, L"1", L"new", 1L); },
          "FbInstanceData::AllocateStreamName next stream number 0 of instance 1 is in use: 9 taken", 9},
-        {L"2/map", counter(1), [](IFbInstanceData* s) { return NewGroup(s, L"2", L"gnew", 1, {L"x"}); },
+        {L"2/map", counter(1), [](IFbInstanceData* s) { return GroupIn(s, L"2", L"gnew", 1, {L"x"}); },
          "FbInstanceData::AllocateStreamName next stream number 1 of instance 2 is in use: 3 taken", 3},
     };
     for (const auto& row : rows)
@@ -191,12 +169,12 @@ TEST_F(Situations, DamagedStreamsAreRefusedOrRepaired)
         Fresh();
         if (!row.message)   // the call reads the undamaged file
         {
-            ASSERT_EQ(S_OK, Open());
+            Open();
             ASSERT_EQ(S_OK, row.call(Store()));
-            Close();
+            GiveUp();
         }
-        ASSERT_EQ(S_OK, damaged_copies::ChangeStream(m_file.c_str(), row.stream, row.change));
-        ASSERT_EQ(S_OK, Open());
+        ASSERT_EQ(S_OK, damaged_copies::ChangeStream(Path(), row.stream, row.change));
+        Open();
         const Snapshot before = Take(Store());
         TraceCapture trace;
         const HRESULT hr = row.call(Store());
@@ -209,9 +187,9 @@ TEST_F(Situations, DamagedStreamsAreRefusedOrRepaired)
         EXPECT_TRUE(trace.Contains(row.message)) << trace.Text();
         Reopen();
         ExpectSame(before, Take(Store()), {"instances", "params", "groups", "list"});   // the lists grow
-        Close();
+        GiveUp();
         DWORD next = 0;
-        damaged_copies::ChangeStream(m_file.c_str(), row.stream, [&](std::string& bytes) { memcpy(&next, &bytes[4], 4); });
+        damaged_copies::ChangeStream(Path(), row.stream, [&](std::string& bytes) { memcpy(&next, &bytes[4], 4); });
         EXPECT_EQ(row.taken + 1, next);
     }
 }
@@ -234,24 +212,26 @@ TEST_F(Situations, UnreadableFileIsKeptAside)
     for (const auto& row : rows)
     {
         SCOPED_TRACE(row.keptAt ? Narrow(row.keptAt) : "held");
-        Close();
-        RemoveFiles();
-        std::ofstream(m_file.c_str()) << "not a store file";
+        GiveUp();
+        DeleteFileW(Path());
+        RemoveKeptFiles();
+        std::ofstream(Path()) << "not a store file";
         if (row.earlierKept)
-            std::ofstream((m_file + L".unreadable").c_str()) << "kept before";
-        HANDLE holder = row.held ? CreateFileW(m_file.c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr)
+            std::ofstream((std::wstring(Path()) + L".unreadable").c_str()) << "kept before";
+        HANDLE holder = row.held ? CreateFileW(Path(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr)
                                  : INVALID_HANDLE_VALUE;
         TraceCapture trace;
-        const HRESULT hr = Open();
+        ComPtr<IStorage> root;
+        const HRESULT hr = Manager()->OpenStorage(Path(), &root);
         if (holder != INVALID_HANDLE_VALUE)
             CloseHandle(holder);
         EXPECT_EQ(row.keptAt != nullptr, SUCCEEDED(hr)) << Hex(hr);
-        EXPECT_EQ("not a store file", contentOf(m_file + (row.keptAt ? row.keptAt : L"")));
+        EXPECT_EQ("not a store file", contentOf(std::wstring(Path()) + (row.keptAt ? row.keptAt : L"")));
         EXPECT_EQ(row.earlierKept ? "kept before" : row.keptAt ? "not a store file" : "<none>",
-                  contentOf(m_file + L".unreadable"));
+                  contentOf(std::wstring(Path()) + L".unreadable"));
         if (row.keptAt)
         {
-            EXPECT_TRUE(trace.Contains("is not a readable storage file: kept as " + Narrow(m_file + row.keptAt)))
+            EXPECT_TRUE(trace.Contains("is not a readable storage file: kept as " + Narrow(std::wstring(Path()) + row.keptAt)))
                 << trace.Text();
         }
     }
@@ -332,14 +312,13 @@ TEST_F(Situations, FailedAllocationLeavesNoHalfState)
         Call run;   // null: OpenStorage
     } rows[] = {
         {"OpenStorage", nullptr},
-        {"Create", [](IFbInstanceData* s) { return NewInstance(s); }},
+        {"Create", [](IFbInstanceData* s) { return CreateIn(s); }},
         {"Duplicate", [](IFbInstanceData* s) { _bstr_t id; return s->Duplicate(nullptr, B(L"1"), id.GetAddress()); }},
-        {"WriteParameterInfo", [](IFbInstanceData* s) { return Define(s, L"1", L"new", L"n"); }},
-        {"DefineGroup", [](IFbInstanceData* s) { return NewGroup(s, L"1", L"gnew", 1, {L"i4"}); }},
+        {"WriteParameterInfo", [](IFbInstanceData* s) { return DefineIn(s, L"1", L"new", L"n"); }},
+        {"DefineGroup", [](IFbInstanceData* s) { return GroupIn(s, L"1", L"gnew", 1, {L"i4"}); }},
     };
-    ASSERT_EQ(S_OK, Open());
     const Snapshot model = Take(Store());
-    const std::set<std::wstring> names = RootNames(m_root.Get());
+    const std::set<std::wstring> names = RootNames(Root());
     for (const auto& row : rows)
     {
         bool reached = true;
@@ -349,14 +328,14 @@ TEST_F(Situations, FailedAllocationLeavesNoHalfState)
             Fresh();
             if (row.run)
             {
-                ASSERT_EQ(S_OK, Open());
+                Open();
                 Take(Store());   // the instance storage and its map are cached, as in a session
             }
             ComPtr<IStorage> root;
             HRESULT hr;
             {
                 FailingAllocation failing(k);
-                hr = row.run ? row.run(Store()) : m_manager->OpenStorage(B(m_file.c_str()), &root);
+                hr = row.run ? row.run(Store()) : Manager()->OpenStorage(Path(), &root);
                 reached = FailingAllocation::countdown == 0;
             }
             EXPECT_TRUE(KnownResult(hr)) << Hex(hr);
@@ -366,15 +345,15 @@ TEST_F(Situations, FailedAllocationLeavesNoHalfState)
             {
                 _variant_t value;
                 EXPECT_TRUE(FAILED(Store()->ReadParameter(nullptr, B(L"77"), B(L"i4"), &value)));
-                EXPECT_EQ(names, RootNames(m_root.Get()));
+                EXPECT_EQ(names, RootNames(Root()));
             }
             else
             {
-                EXPECT_TRUE(FAILED(m_manager->GetStorage(&root)));
-                EXPECT_EQ(S_OK, StgOpenStorage(m_file.c_str(), nullptr, STGM_READWRITE | STGM_SHARE_EXCLUSIVE, nullptr,
+                EXPECT_TRUE(FAILED(Manager()->GetStorage(&root)));
+                EXPECT_EQ(S_OK, StgOpenStorage(Path(), nullptr, STGM_READWRITE | STGM_SHARE_EXCLUSIVE, nullptr,
                                                0, &root));
                 root.Reset();
-                ASSERT_EQ(S_OK, m_manager->OpenStorage(B(m_file.c_str()), &m_root));
+                Open();
             }
             ExpectSame(model, Take(Store()));
         }
@@ -389,14 +368,14 @@ namespace
 void CommittedPart(IFbInstanceData* store)
 {
     _bstr_t id;
-    ASSERT_EQ(S_OK, NewInstance(store, &id));
+    ASSERT_EQ(S_OK, CreateIn(store, &id));
     ASSERT_EQ(S_OK, store->WriteParameter(nullptr, B(L"1"), B(L"i4"), _variant_t(99L)));
-    ASSERT_EQ(S_OK, Define(store, id, L"p", L"kept"));
+    ASSERT_EQ(S_OK, DefineIn(store, id, L"p", L"kept"));
 }
 
 void UncommittedPart(IFbInstanceData* store)
 {
-    ASSERT_EQ(S_OK, NewInstance(store));
+    ASSERT_EQ(S_OK, CreateIn(store));
     ASSERT_EQ(S_OK, store->WriteParameter(nullptr, B(L"1"), B(L"str"), _variant_t(L"lost")));
     ASSERT_EQ(S_OK, store->DeleteParameter(nullptr, B(L"1"), B(L"r8")));
     ASSERT_EQ(S_OK, store->Delete(nullptr, B(L"2")));
@@ -423,7 +402,6 @@ TEST(KilledFrame, Child)
 
 TEST_F(Situations, FileIsAsLastCommitted)
 {
-    ASSERT_EQ(S_OK, Open());
     CommittedPart(Store());
     Reopen();
     const Snapshot expected = Take(Store());
@@ -431,7 +409,7 @@ TEST_F(Situations, FileIsAsLastCommitted)
 
     const std::wstring event = L"SafetyChildReady" + std::to_wstring(GetCurrentProcessId());
     HANDLE ready = CreateEventW(nullptr, TRUE, FALSE, event.c_str());
-    SetEnvironmentVariableW(L"SAFETY_CHILD_FILE", m_file.c_str());
+    SetEnvironmentVariableW(L"SAFETY_CHILD_FILE", Path());
     SetEnvironmentVariableW(L"SAFETY_CHILD_EVENT", event.c_str());
     wchar_t program[MAX_PATH];
     GetModuleFileNameW(nullptr, program, MAX_PATH);
@@ -446,6 +424,6 @@ TEST_F(Situations, FileIsAsLastCommitted)
     TerminateProcess(child.hProcess, 9);
     WaitForSingleObject(child.hProcess, INFINITE);
     CloseHandle(child.hProcess), CloseHandle(child.hThread), CloseHandle(ready);
-    ASSERT_EQ(S_OK, Open());
+    Open();
     EXPECT_EQ(expected, Take(Store()));
 }
