@@ -145,16 +145,23 @@ bool FlipBits(Copy& copy, Bytes& bytes, std::string& what)
     return !bytes.empty();
 }
 
+// A random position of a double word in bytes that passes the test; npos when there is none.
+template <class Test>
+size_t PickAt(Copy& copy, const Bytes& bytes, Test test)
+{
+    std::vector<size_t> found;
+    for (size_t at = 0; at + 4 <= bytes.size(); ++at)
+        if (test(at, Dword(bytes, at)))
+            found.push_back(at);
+    return found.empty() ? Bytes::npos : found[copy.Below(found.size())];
+}
+
 // Counts and lengths are small numbers in the stream: one of them becomes huge.
 bool HugeCount(Copy& copy, Bytes& bytes, std::string& what)
 {
-    std::vector<size_t> small;
-    for (size_t at = 0; at + 4 <= bytes.size(); ++at)
-        if (Dword(bytes, at) > 0 && Dword(bytes, at) < 4096)
-            small.push_back(at);
-    if (small.empty())
+    const size_t at = PickAt(copy, bytes, [](size_t, DWORD value) { return value > 0 && value < 4096; });
+    if (at == Bytes::npos)
         return false;
-    const size_t at = small[copy.Below(small.size())];
     const DWORD huge[] = {0xFFFFFFFF, 0x7FFFFFFF, 0x80000000, 0xFFFFFFFE, 0x10000000,
                           static_cast<DWORD>(bytes.size() - at - 2), static_cast<DWORD>(bytes.size() - at)};
     SetDword(bytes, at, huge[copy.Below(sizeof huge / sizeof huge[0])]);
@@ -191,17 +198,12 @@ bool LostTail(Copy& copy, Bytes& bytes, std::string& what)
 // stops being 0, or its count turns odd or one unit short.
 bool Unterminated(Copy& copy, Bytes& bytes, std::string& what)
 {
-    std::vector<size_t> strings;
-    for (size_t at = 0; at + 4 <= bytes.size(); ++at)
-    {
-        const DWORD count = Dword(bytes, at);
-        if (count >= 2 && !(count & 1) && count < 4096 && count <= bytes.size() - at - 4 &&
-            !bytes[at + 4 + count - 2] && !bytes[at + 4 + count - 1])
-            strings.push_back(at);
-    }
-    if (strings.empty())
+    const size_t at = PickAt(copy, bytes, [&](size_t at, DWORD count) {
+        return count >= 2 && !(count & 1) && count < 4096 && count <= bytes.size() - at - 4 &&
+               !bytes[at + 4 + count - 2] && !bytes[at + 4 + count - 1];
+    });
+    if (at == Bytes::npos)
         return false;
-    const size_t at = strings[copy.Below(strings.size())];
     const unsigned how = copy.Below(3);
     if (how)
         SetDword(bytes, at, Dword(bytes, at) - how);
@@ -278,22 +280,6 @@ bool SwappedType(Copy& copy, std::string& what)
     return SUCCEEDED(copy.Put(*element, storage ? STGTY_STREAM : STGTY_STORAGE, model ? copy.Read(*model) : Bytes(8, 1)));
 }
 
-// Two streams of one instance with each other's content.
-bool SwappedStreams(Copy& copy, std::string& what)
-{
-    const Element* first = copy.Pick(STGTY_STREAM);
-    std::vector<const Element*> others;
-    for (const Element& element : copy.elements)
-        if (first && element.type == STGTY_STREAM && element.parent == first->parent && element.name != first->name)
-            others.push_back(&element);
-    if (others.empty())
-        return false;
-    const Element* second = others[copy.Below(others.size())];
-    const Bytes a = copy.Read(*first), b = copy.Read(*second);
-    what += first->Path() + " <-> " + second->Path();
-    return SUCCEEDED(copy.Put(*first, STGTY_STREAM, b)) && SUCCEEDED(copy.Put(*second, STGTY_STREAM, a));
-}
-
 bool TruncatedFile(Copy& copy, std::string& what)
 {
     copy.truncate = true;   // once the file is committed
@@ -317,7 +303,6 @@ const struct
     {"missing storage", Missing<STGTY_STORAGE>},
     {"extra element", ExtraElement},
     {"stream for storage", SwappedType},
-    {"swapped streams", SwappedStreams},
     {"truncated file", TruncatedFile},
 };
 const size_t kKindCount = sizeof kKinds / sizeof kKinds[0];

@@ -17,11 +17,6 @@ unsigned Setting(const char* name, unsigned fallback)
     return text && *text ? static_cast<unsigned>(strtoul(text, nullptr, 10)) : fallback;
 }
 
-_bstr_t B(const wchar_t* text)
-{
-    return _bstr_t(text);
-}
-
 HRESULT WithNames(IFbInstanceData* store, HRESULT (STDMETHODCALLTYPE IFbInstanceData::*call)(IFdtContext*, BSTR, SAFEARRAY**),
                   const wchar_t* id, const wchar_t* name)
 {

@@ -10,11 +10,6 @@ namespace
 {
 std::vector<std::string> g_unknown;
 
-std::string Narrow(const std::wstring& text)
-{
-    return std::string(text.begin(), text.end());
-}
-
 std::string Text(const VARIANT& value, int depth = 0);
 
 // Every property of a data object, read late-bound through its type

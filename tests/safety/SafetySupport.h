@@ -8,6 +8,15 @@
 
 namespace safety
 {
+inline _bstr_t B(const wchar_t* text)
+{
+    return _bstr_t(text);
+}
+inline std::string Narrow(const std::wstring& text)
+{
+    return std::string(text.begin(), text.end());
+}
+
 // Instances 1-3 with descriptors; parameters of several value types (an
 // object value among them) with default values and flags; groups, references
 // both ways and an instance lock. Written once per program through the

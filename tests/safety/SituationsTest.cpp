@@ -13,16 +13,6 @@ namespace
 {
 typedef std::function<HRESULT(IFbInstanceData*)> Call;
 
-_bstr_t B(const wchar_t* text)
-{
-    return _bstr_t(text);
-}
-
-std::string Narrow(const std::wstring& text)
-{
-    return std::string(text.begin(), text.end());
-}
-
 // Names of the elements of the root, as a frame's file shows them.
 std::set<std::wstring> RootNames(IStorage* root)
 {
