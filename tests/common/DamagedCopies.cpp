@@ -2,7 +2,6 @@
 #include <ole2.h>
 #include <wrl/client.h>
 #include <algorithm>
-#include <cstdio>
 #include <random>
 #include <vector>
 
@@ -12,23 +11,37 @@ namespace damaged_copies
 {
 namespace
 {
-typedef std::vector<unsigned char> Bytes;
+typedef std::string Bytes;
 const DWORD kMode = STGM_READWRITE | STGM_SHARE_EXCLUSIVE;
+const DWORD kNothing = 0;   // as the new type of an element: it is destroyed
 
-// One element of the tree: its parent storage path ("" for the root, "2" for
-// an instance storage) and its name.
 struct Element
 {
-    std::wstring parent, name;
+    std::wstring parent, name;   // parent "" for the root, "2" for an instance storage
     DWORD type;
-    std::wstring Path() const { return parent.empty() ? name : parent + L"/" + name; }
+    std::wstring Full() const { return parent.empty() ? name : parent + L"/" + name; }
+    std::string Path() const
+    {
+        const std::wstring full = Full();
+        return std::string(full.begin(), full.end());
+    }
 };
 
-std::string Narrow(const std::wstring& text)
+DWORD Dword(const Bytes& bytes, size_t at)
 {
-    return std::string(text.begin(), text.end());
+    DWORD value = 0;
+    if (at + 4 <= bytes.size())
+        memcpy(&value, &bytes[at], 4);
+    return value;
 }
 
+void SetDword(Bytes& bytes, size_t at, DWORD value)
+{
+    if (at + 4 <= bytes.size())
+        memcpy(&bytes[at], &value, 4);
+}
+
+// A transacted copy, its elements in name order and the randomness of its damage.
 struct Copy
 {
     ComPtr<IStorage> root;
@@ -41,16 +54,12 @@ struct Copy
     ComPtr<IStorage> Storage(const std::wstring& path)
     {
         ComPtr<IStorage> storage = root;
-        size_t start = 0;
-        while (start < path.size())
+        for (size_t start = 0, end; storage && start < path.size(); start = end + 1)
         {
-            const size_t end = std::min(path.find(L'/', start), path.size());
+            end = std::min(path.find(L'/', start), path.size());
             ComPtr<IStorage> child;
-            if (FAILED(storage->OpenStorage(path.substr(start, end - start).c_str(), nullptr, kMode, nullptr, 0,
-                                            child.GetAddressOf())))
-                return nullptr;
+            storage->OpenStorage(path.substr(start, end - start).c_str(), nullptr, kMode, nullptr, 0, &child);
             storage = child;
-            start = end + 1;
         }
         return storage;
     }
@@ -58,26 +67,21 @@ struct Copy
     {
         ComPtr<IStorage> storage = Storage(parent);
         ComPtr<IEnumSTATSTG> list;
-        if (!storage || FAILED(storage->EnumElements(0, nullptr, 0, list.GetAddressOf())))
+        if (!storage || FAILED(storage->EnumElements(0, nullptr, 0, &list)))
             return;
-        STATSTG item;
         std::vector<Element> found;
-        while (list->Next(1, &item, nullptr) == S_OK)
-        {
+        for (STATSTG item; list->Next(1, &item, nullptr) == S_OK; CoTaskMemFree(item.pwcsName))
             found.push_back({parent, item.pwcsName, item.type});
-            CoTaskMemFree(item.pwcsName);
-        }
-        list.Reset();
-        storage.Reset();
+        list.Reset(), storage.Reset();
         std::sort(found.begin(), found.end(), [](const Element& a, const Element& b) { return a.name < b.name; });
         for (const Element& element : found)
         {
             elements.push_back(element);
             if (element.type == STGTY_STORAGE)
-                Walk(element.Path());
+                Walk(element.Full());
         }
     }
-    // A random element of the type whose name passes the filter (any when null).
+    // A random element of the type that passes the filter (any when null).
     const Element* Pick(DWORD type, bool (*filter)(const Element&) = nullptr)
     {
         std::vector<const Element*> candidates;
@@ -86,50 +90,33 @@ struct Copy
                 candidates.push_back(&element);
         return candidates.empty() ? nullptr : candidates[Below(candidates.size())];
     }
-
     Bytes Read(const Element& element)
     {
-        Bytes bytes;
         ComPtr<IStorage> storage = Storage(element.parent);
         ComPtr<IStream> stream;
-        if (storage && SUCCEEDED(storage->OpenStream(element.name.c_str(), nullptr, kMode, 0, stream.GetAddressOf())))
-        {
-            STATSTG stat = {};
-            stream->Stat(&stat, STATFLAG_NONAME);
-            bytes.resize(static_cast<size_t>(stat.cbSize.QuadPart));
-            ULONG read = 0;
-            stream->Read(bytes.data(), static_cast<ULONG>(bytes.size()), &read);
-            bytes.resize(read);
-        }
-        return bytes;
+        STATSTG stat = {};
+        ULONG read = 0;
+        if (!storage || FAILED(storage->OpenStream(element.name.c_str(), nullptr, kMode, 0, &stream)) ||
+            FAILED(stream->Stat(&stat, STATFLAG_NONAME)))
+            return Bytes();
+        Bytes bytes(static_cast<size_t>(stat.cbSize.QuadPart), '\0');
+        stream->Read(&bytes[0], static_cast<ULONG>(bytes.size()), &read);
+        return bytes.substr(0, read);
     }
-    // Replaces the stream parent/name (made when missing) by bytes, size included.
-    HRESULT Write(const std::wstring& parent, const std::wstring& name, const Bytes& bytes)
+    // Replaces the element by a stream of bytes, an empty storage or nothing.
+    HRESULT Put(const Element& element, DWORD type, const Bytes& bytes = Bytes())
     {
-        ComPtr<IStorage> storage = Storage(parent);
+        ComPtr<IStorage> storage = Storage(element.parent), made;
         ComPtr<IStream> stream;
         if (!storage)
             return STG_E_PATHNOTFOUND;
-        HRESULT hr = storage->CreateStream(name.c_str(), kMode | STGM_CREATE, 0, 0, stream.GetAddressOf());
-        if (SUCCEEDED(hr) && !bytes.empty())
+        const wchar_t* name = element.name.c_str();
+        HRESULT hr = type == STGTY_STORAGE ? storage->CreateStorage(name, kMode | STGM_CREATE, 0, 0, &made)
+                     : type == STGTY_STREAM ? storage->CreateStream(name, kMode | STGM_CREATE, 0, 0, &stream)
+                                                 : storage->DestroyElement(name);
+        if (SUCCEEDED(hr) && stream && !bytes.empty())
             hr = stream->Write(bytes.data(), static_cast<ULONG>(bytes.size()), nullptr);
-        return SUCCEEDED(hr) ? storage->Commit(STGC_DEFAULT) : hr;
-    }
-    HRESULT Destroy(const Element& element)
-    {
-        ComPtr<IStorage> storage = Storage(element.parent);
-        if (!storage)
-            return STG_E_PATHNOTFOUND;
-        const HRESULT hr = storage->DestroyElement(element.name.c_str());
-        return SUCCEEDED(hr) ? storage->Commit(STGC_DEFAULT) : hr;
-    }
-    HRESULT MakeStorage(const std::wstring& parent, const std::wstring& name)
-    {
-        ComPtr<IStorage> storage = Storage(parent);
-        ComPtr<IStorage> made;
-        if (!storage)
-            return STG_E_PATHNOTFOUND;
-        const HRESULT hr = storage->CreateStorage(name.c_str(), kMode | STGM_CREATE, 0, 0, made.GetAddressOf());
+        stream.Reset(), made.Reset();
         return SUCCEEDED(hr) ? storage->Commit(STGC_DEFAULT) : hr;
     }
 };
@@ -138,203 +125,147 @@ bool IsElementStream(const Element& element)   // a parameter or group stream: a
 {
     return !element.parent.empty() && element.name.find_first_not_of(L"0123456789") == std::wstring::npos;
 }
-bool IsMap(const Element& element)
+bool IsCounter(const Element& element)   // the administration record or a stream name map
 {
-    return element.name == L"map";
-}
-bool IsAdmin(const Element& element)
-{
-    return element.parent.empty() && element.name == L"admin";
+    return element.parent.empty() ? element.name == L"admin" : element.name == L"map";
 }
 
-DWORD Dword(const Bytes& bytes, size_t at)
-{
-    DWORD value = 0;
-    if (at + 4 <= bytes.size())
-        memcpy(&value, &bytes[at], 4);
-    return value;
-}
-void SetDword(Bytes& bytes, size_t at, DWORD value)
-{
-    if (at + 4 <= bytes.size())
-        memcpy(&bytes[at], &value, 4);
-}
-
-// A same-size rewrite of one stream: change returns false when the bytes
-// offer nothing for this kind, otherwise says what it did.
+// A same-size rewrite of one stream's bytes: false when they offer nothing
+// for this kind, otherwise what says what was done.
 typedef bool (*Rewrite)(Copy& copy, Bytes& bytes, std::string& what);
 
 bool FlipBits(Copy& copy, Bytes& bytes, std::string& what)
 {
-    if (bytes.empty())
-        return false;
-    for (unsigned flips = 1 + copy.Below(3); flips; --flips)
+    for (unsigned flips = 1 + copy.Below(3); flips && !bytes.empty(); --flips)
     {
-        const size_t at = copy.Below(bytes.size());
-        const unsigned bit = copy.Below(8);
-        bytes[at] ^= static_cast<unsigned char>(1u << bit);
+        const size_t at = copy.Below(bytes.size()), bit = copy.Below(8);
+        bytes[at] ^= static_cast<char>(1u << bit);
         what += " " + std::to_string(at) + "." + std::to_string(bit);
     }
-    return true;
+    return !bytes.empty();
+}
+
+// A random position of a double word in bytes that passes the test; npos when there is none.
+template <class Test>
+size_t PickAt(Copy& copy, const Bytes& bytes, Test test)
+{
+    std::vector<size_t> found;
+    for (size_t at = 0; at + 4 <= bytes.size(); ++at)
+        if (test(at, Dword(bytes, at)))
+            found.push_back(at);
+    return found.empty() ? Bytes::npos : found[copy.Below(found.size())];
 }
 
 // Counts and lengths are small numbers in the stream: one of them becomes huge.
 bool HugeCount(Copy& copy, Bytes& bytes, std::string& what)
 {
-    std::vector<size_t> small;
-    for (size_t at = 0; at + 4 <= bytes.size(); ++at)
-        if (Dword(bytes, at) > 0 && Dword(bytes, at) < 4096)
-            small.push_back(at);
-    if (small.empty())
+    const size_t at = PickAt(copy, bytes, [](size_t, DWORD value) { return value > 0 && value < 4096; });
+    if (at == Bytes::npos)
         return false;
-    const size_t at = small[copy.Below(small.size())];
     const DWORD huge[] = {0xFFFFFFFF, 0x7FFFFFFF, 0x80000000, 0xFFFFFFFE, 0x10000000,
                           static_cast<DWORD>(bytes.size() - at - 2), static_cast<DWORD>(bytes.size() - at)};
-    const DWORD value = huge[copy.Below(sizeof huge / sizeof huge[0])];
-    SetDword(bytes, at, value);
-    char text[64];
-    snprintf(text, sizeof text, " %zu := 0x%lx", at, static_cast<unsigned long>(value));
-    what += text;
+    SetDword(bytes, at, huge[copy.Below(sizeof huge / sizeof huge[0])]);
+    what += " " + std::to_string(at) + " := " + std::to_string(Dword(bytes, at));
     return true;
 }
 
-bool WrongVersion(Copy& copy, Bytes& bytes, std::string& what)
+// The version (at 0) or the kind (at 4) of a stream another than the store writes.
+template <size_t at>
+bool WrongHeader(Copy& copy, Bytes& bytes, std::string& what)
 {
-    if (bytes.size() < 4)
-        return false;
-    const DWORD versions[] = {0, 2, 3, 0x100, 0xFFFFFFFF};
-    const DWORD value = versions[copy.Below(sizeof versions / sizeof versions[0])];
-    SetDword(bytes, 0, value);
-    what += " := " + std::to_string(value);
-    return true;
+    const DWORD values[] = {at ? (Dword(bytes, 4) == 1 ? 2u : 1u) : 2u, 0, 3, 0x100, 0xFFFFFFFF};
+    SetDword(bytes, at, values[copy.Below(sizeof values / sizeof values[0])]);
+    what += " := " + std::to_string(Dword(bytes, at));
+    return bytes.size() >= at + 4;
 }
 
-bool WrongKind(Copy& copy, Bytes& bytes, std::string& what)
-{
-    if (bytes.size() < 8)
-        return false;
-    const DWORD kinds[] = {Dword(bytes, 4) == 1 ? 2u : 1u, 0, 3, 0xFFFFFFFF};
-    const DWORD value = kinds[copy.Below(sizeof kinds / sizeof kinds[0])];
-    SetDword(bytes, 4, value);
-    what += " := " + std::to_string(value);
-    return true;
-}
-
-bool ZeroTail(Copy& copy, Bytes& bytes, std::string& what)
+// The end of a stream zeroed, or cut off.
+bool LostTail(Copy& copy, Bytes& bytes, std::string& what)
 {
     if (bytes.size() < 2)
         return false;
     const size_t from = 1 + copy.Below(bytes.size() - 1);
-    std::fill(bytes.begin() + from, bytes.end(), 0);
-    what += " from " + std::to_string(from);
+    const bool cut = copy.Below(2);
+    what += (cut ? " cut at " : " zeroed from ") + std::to_string(from);
+    if (cut)
+        bytes.resize(from);
+    else
+        std::fill(bytes.begin() + from, bytes.end(), '\0');
     return true;
 }
 
-// A stored string: an even byte count, the units and a 0 unit. Its last
-// unit stops being 0, or its count turns odd.
+// A stored string: an even byte count, the units and a 0 unit. Its last unit
+// stops being 0, or its count turns odd or one unit short.
 bool Unterminated(Copy& copy, Bytes& bytes, std::string& what)
 {
-    std::vector<size_t> strings;
-    for (size_t at = 0; at + 4 <= bytes.size(); ++at)
-    {
-        const DWORD count = Dword(bytes, at);
-        if (count >= 2 && !(count & 1) && count <= bytes.size() - at - 4 && count < 4096 &&
-            !bytes[at + 4 + count - 2] && !bytes[at + 4 + count - 1])
-            strings.push_back(at);
-    }
-    if (strings.empty())
+    const size_t at = PickAt(copy, bytes, [&](size_t at, DWORD count) {
+        return count >= 2 && !(count & 1) && count < 4096 && count <= bytes.size() - at - 4 &&
+               !bytes[at + 4 + count - 2] && !bytes[at + 4 + count - 1];
+    });
+    if (at == Bytes::npos)
         return false;
-    const size_t at = strings[copy.Below(strings.size())];
-    const DWORD count = Dword(bytes, at);
-    switch (copy.Below(3))
-    {
-    case 0:
-        bytes[at + 4 + count - 2] = 'Z';
-        what += " " + std::to_string(at) + " last unit 'Z'";
-        break;
-    case 1:
-        SetDword(bytes, at, count - 1);
-        what += " " + std::to_string(at) + " count odd";
-        break;
-    default:
-        SetDword(bytes, at, count - 2);
-        what += " " + std::to_string(at) + " count one unit short";
-        break;
-    }
+    const unsigned how = copy.Below(3);
+    if (how)
+        SetDword(bytes, at, Dword(bytes, at) - how);
+    else
+        bytes[at + 4 + Dword(bytes, at) - 2] = 'Z';
+    what += " " + std::to_string(at) + (how ? " count less " + std::to_string(how) : " last unit 'Z'");
     return true;
 }
 
-// The file itself: a stream rewritten, elements destroyed, added or replaced,
-// the file cut short, counters set back.
+// The administration record's next instance number, or a map's next stream
+// number, behind the names in use (down to 0).
+bool LaggingCounter(Copy& copy, Bytes& bytes, std::string& what)
+{
+    SetDword(bytes, 4, copy.Below(Dword(bytes, 4) + 1));
+    what += " next number := " + std::to_string(Dword(bytes, 4));
+    return bytes.size() >= 8;
+}
+
+// Damage of the file itself: a stream rewritten, elements destroyed, added or
+// replaced, the file cut short.
 typedef bool (*Damage)(Copy& copy, std::string& what);
 
-bool RewriteStream(Copy& copy, std::string& what, Rewrite rewrite, bool (*filter)(const Element&))
+template <Rewrite rewrite, bool (*filter)(const Element&) = nullptr>
+bool RewriteStream(Copy& copy, std::string& what)
 {
     const Element* element = copy.Pick(STGTY_STREAM, filter);
+    Bytes bytes = element ? copy.Read(*element) : Bytes();
+    if (!element || !rewrite(copy, bytes, what += element->Path()))
+        return false;
+    return SUCCEEDED(copy.Put(*element, STGTY_STREAM, bytes));
+}
+
+template <DWORD type>
+bool Missing(Copy& copy, std::string& what)
+{
+    const Element* element = copy.Pick(type);
     if (!element)
         return false;
-    Bytes bytes = copy.Read(*element);
-    std::string change;
-    if (!rewrite(copy, bytes, change))
-        return false;
-    what += Narrow(element->Path()) + change;
-    return SUCCEEDED(copy.Write(element->parent, element->name, bytes));
-}
-
-template <Rewrite rewrite>
-bool AnyStream(Copy& copy, std::string& what)
-{
-    return RewriteStream(copy, what, rewrite, nullptr);
-}
-
-bool ElementKind(Copy& copy, std::string& what)
-{
-    return RewriteStream(copy, what, WrongKind, IsElementStream);
-}
-
-bool ShortStream(Copy& copy, std::string& what)
-{
-    const Element* element = copy.Pick(STGTY_STREAM);
-    if (!element)
-        return false;
-    Bytes bytes = copy.Read(*element);
-    bytes.resize(copy.Below(bytes.size()));
-    what += Narrow(element->Path()) + " cut to " + std::to_string(bytes.size());
-    return SUCCEEDED(copy.Write(element->parent, element->name, bytes));
-}
-
-bool MissingStream(Copy& copy, std::string& what)
-{
-    const Element* element = copy.Pick(STGTY_STREAM);
-    what += element ? Narrow(element->Path()) : "";
-    return element && SUCCEEDED(copy.Destroy(*element));
-}
-
-bool MissingStorage(Copy& copy, std::string& what)
-{
-    const Element* element = copy.Pick(STGTY_STORAGE);
-    what += element ? Narrow(element->Path()) : "";
-    return element && SUCCEEDED(copy.Destroy(*element));
+    what += element->Path();
+    return SUCCEEDED(copy.Put(*element, kNothing));
 }
 
 // A stream or storage that the store did not write, in the root or in an
-// instance: a number beside the real ones, or another name.
+// instance: a number beside the real ones, or another name; a stream holds
+// noise or the content of a real stream.
 bool ExtraElement(Copy& copy, std::string& what)
 {
     const Element* instance = copy.Pick(STGTY_STORAGE);
-    const std::wstring parent = instance && copy.Below(2) ? instance->Path() : L"";
     const wchar_t* names[] = {L"0", L"01", L"7", L"12", L"99", L"x", L"Admin2", L"MAP2"};
-    const std::wstring name = names[copy.Below(sizeof names / sizeof names[0])];
-    what += Narrow(parent.empty() ? name : parent + L"/" + name);
+    const Element extra{instance && copy.Below(2) ? instance->Full() : L"", names[copy.Below(8)], kNothing};
+    what += extra.Path();
     if (copy.Below(3) == 0)
-        return what += " storage", SUCCEEDED(copy.MakeStorage(parent, name));
-    // The content of a real stream (an element that two names now share), or noise.
+    {
+        what += " storage";
+        return SUCCEEDED(copy.Put(extra, STGTY_STORAGE));
+    }
     const Element* model = copy.Pick(STGTY_STREAM);
-    Bytes bytes = model && copy.Below(2) ? copy.Read(*model) : Bytes(copy.Below(64));
-    for (unsigned char& byte : bytes)
-        byte = model && bytes.size() && copy.random() % 2 ? byte : static_cast<unsigned char>(copy.random());
+    Bytes bytes = model && copy.Below(2) ? copy.Read(*model) : Bytes(copy.Below(64), '\0');
+    for (char& byte : bytes)
+        byte = model && copy.random() % 2 ? byte : static_cast<char>(copy.random());
     what += " stream of " + std::to_string(bytes.size()) + " bytes";
-    return SUCCEEDED(copy.Write(parent, name, bytes));
+    return SUCCEEDED(copy.Put(extra, STGTY_STREAM, bytes));
 }
 
 // Where the store keeps a storage there is a stream, or the other way round.
@@ -342,48 +273,11 @@ bool SwappedType(Copy& copy, std::string& what)
 {
     const bool storage = copy.Below(2);
     const Element* element = copy.Pick(storage ? STGTY_STORAGE : STGTY_STREAM);
-    if (!element)
-        return false;
-    const Element target = *element;
     const Element* model = copy.Pick(STGTY_STREAM);
-    const Bytes bytes = model ? copy.Read(*model) : Bytes(8);
-    if (FAILED(copy.Destroy(target)))
+    if (!element || FAILED(copy.Put(*element, kNothing)))
         return false;
-    what += Narrow(target.Path()) + (storage ? " is a stream" : " is a storage");
-    return SUCCEEDED(storage ? copy.Write(target.parent, target.name, bytes) : copy.MakeStorage(target.parent, target.name));
-}
-
-// Two streams of one instance with each other's content.
-bool SwappedStreams(Copy& copy, std::string& what)
-{
-    const Element* first = copy.Pick(STGTY_STREAM);
-    std::vector<const Element*> others;
-    for (const Element& element : copy.elements)
-        if (first && element.type == STGTY_STREAM && element.parent == first->parent && element.name != first->name)
-            others.push_back(&element);
-    if (others.empty())
-        return false;
-    const Element* second = others[copy.Below(others.size())];
-    const Bytes a = copy.Read(*first), b = copy.Read(*second);
-    what += Narrow(first->Path()) + " <-> " + Narrow(second->name);
-    return SUCCEEDED(copy.Write(first->parent, first->name, b)) && SUCCEEDED(copy.Write(second->parent, second->name, a));
-}
-
-// The administration record's next instance number, or a map's next stream
-// number, behind the names in use (down to 0).
-bool LaggingCounter(Copy& copy, std::string& what)
-{
-    const Element* element = copy.Pick(STGTY_STREAM, copy.Below(2) ? IsAdmin : IsMap);
-    if (!element)
-        return false;
-    Bytes bytes = copy.Read(*element);
-    if (bytes.size() < 8)
-        return false;
-    const DWORD value = copy.Below(Dword(bytes, 4) + 1);
-    SetDword(bytes, 4, value);
-    what += Narrow(element->Path()) + " next number " + std::to_string(Dword(copy.Read(*element), 4)) + " := " +
-            std::to_string(value);
-    return SUCCEEDED(copy.Write(element->parent, element->name, bytes));
+    what += element->Path() + (storage ? " is a stream" : " is a storage");
+    return SUCCEEDED(copy.Put(*element, storage ? STGTY_STREAM : STGTY_STORAGE, model ? copy.Read(*model) : Bytes(8, 1)));
 }
 
 bool TruncatedFile(Copy& copy, std::string& what)
@@ -398,40 +292,34 @@ const struct
     const char* name;
     Damage damage;
 } kKinds[] = {
-    {"bit flips", AnyStream<FlipBits>},
-    {"huge count", AnyStream<HugeCount>},
-    {"wrong version", AnyStream<WrongVersion>},
-    {"wrong kind", ElementKind},
-    {"zeroed tail", AnyStream<ZeroTail>},
-    {"unterminated string", AnyStream<Unterminated>},
-    {"short stream", ShortStream},
-    {"missing stream", MissingStream},
-    {"missing storage", MissingStorage},
+    {"bit flips", RewriteStream<FlipBits>},
+    {"huge count", RewriteStream<HugeCount>},
+    {"wrong version", RewriteStream<WrongHeader<0>>},
+    {"wrong kind", RewriteStream<WrongHeader<4>, IsElementStream>},
+    {"lost tail", RewriteStream<LostTail>},
+    {"unterminated string", RewriteStream<Unterminated>},
+    {"lagging counter", RewriteStream<LaggingCounter, IsCounter>},
+    {"missing stream", Missing<STGTY_STREAM>},
+    {"missing storage", Missing<STGTY_STORAGE>},
     {"extra element", ExtraElement},
     {"stream for storage", SwappedType},
-    {"swapped streams", SwappedStreams},
-    {"lagging counter", LaggingCounter},
     {"truncated file", TruncatedFile},
 };
 const size_t kKindCount = sizeof kKinds / sizeof kKinds[0];
 
+// Mostly at a sector boundary, as a lost write leaves a file; sometimes anywhere.
 HRESULT Truncate(const wchar_t* path, Copy& copy, std::string& what)
 {
     HANDLE file = CreateFileW(path, GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, 0, nullptr);
+    LARGE_INTEGER size = {}, at = {};
     if (file == INVALID_HANDLE_VALUE)
         return HRESULT_FROM_WIN32(GetLastError());
-    LARGE_INTEGER size = {};
     GetFileSizeEx(file, &size);
-    // Mostly at a sector boundary, as a lost write leaves a file; sometimes anywhere.
-    LARGE_INTEGER at;
-    at.QuadPart = copy.Below(static_cast<size_t>(size.QuadPart));
-    if (copy.Below(4))
-        at.QuadPart &= ~LONGLONG(511);
+    at.QuadPart = copy.Below(static_cast<size_t>(size.QuadPart)) & (copy.Below(4) ? ~LONGLONG(511) : ~LONGLONG(0));
     what += " to " + std::to_string(at.QuadPart) + " of " + std::to_string(size.QuadPart);
     const bool cut = SetFilePointerEx(file, at, nullptr, FILE_BEGIN) && SetEndOfFile(file);
-    const HRESULT hr = cut ? S_OK : HRESULT_FROM_WIN32(GetLastError());
     CloseHandle(file);
-    return hr;
+    return cut ? S_OK : E_FAIL;
 }
 }  // namespace
 
@@ -451,22 +339,34 @@ HRESULT MakeDamagedCopy(const wchar_t* source, const wchar_t* target, unsigned s
         return HRESULT_FROM_WIN32(GetLastError());
     Copy copy;
     copy.random.seed(seed / kKindCount * 2654435761u + 17);
-    HRESULT hr = StgOpenStorage(target, nullptr, STGM_TRANSACTED | kMode, nullptr, 0, copy.root.GetAddressOf());
+    HRESULT hr = StgOpenStorage(target, nullptr, STGM_TRANSACTED | kMode, nullptr, 0, &copy.root);
     if (FAILED(hr))
         return hr;
     copy.Walk(L"");
-    const size_t kind = seed % kKindCount;
-    description = std::string(kKinds[kind].name) + ": ";
-    if (!kKinds[kind].damage(copy, description))
+    const char* kind = kKinds[seed % kKindCount].name;
+    description = std::string(kind) + ": ";
+    if (!kKinds[seed % kKindCount].damage(copy, description))
     {
-        description = std::string(kKinds[kind].name) + " found nothing; bit flips: ";
-        if (!AnyStream<FlipBits>(copy, description))
+        description = std::string(kind) + " found nothing; bit flips: ";
+        if (!RewriteStream<FlipBits>(copy, description))
             return E_FAIL;
     }
     hr = copy.root->Commit(STGC_DEFAULT);
     copy.root.Reset();
-    if (SUCCEEDED(hr) && copy.truncate)
-        hr = Truncate(target, copy, description);
-    return hr;
+    return SUCCEEDED(hr) && copy.truncate ? Truncate(target, copy, description) : hr;
+}
+
+HRESULT ChangeStream(const wchar_t* file, const std::wstring& path, const std::function<void(Bytes&)>& change)
+{
+    Copy copy;
+    const size_t slash = path.rfind(L'/');
+    const Element stream{slash == std::wstring::npos ? L"" : path.substr(0, slash), path.substr(slash + 1), kNothing};
+    HRESULT hr = StgOpenStorage(file, nullptr, STGM_TRANSACTED | kMode, nullptr, 0, &copy.root);
+    Bytes bytes = SUCCEEDED(hr) ? copy.Read(stream) : Bytes();
+    if (SUCCEEDED(hr) && change)
+        change(bytes);
+    if (SUCCEEDED(hr))
+        hr = copy.Put(stream, change ? DWORD(STGTY_STREAM) : kNothing, bytes);
+    return SUCCEEDED(hr) ? copy.root->Commit(STGC_DEFAULT) : hr;
 }
 }  // namespace damaged_copies

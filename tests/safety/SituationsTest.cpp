@@ -1,56 +1,26 @@
 // The ways the store could destroy data it did not mean to destroy, each a
-// table: refused deletes, failed rewrites, lagging counters, unreadable
-// files, damaged strings, exceptions in the middle and a killed frame.
+// table: refused deletes, failed rewrites, damaged or lagging streams,
+// unreadable files, failures in the middle of an operation and a killed frame.
 #include <algorithm>
+#include <fstream>
 #include <functional>
+#include <set>
+#include <sstream>
+#include "DamagedCopies.h"
 #include "SafetySupport.h"
 
 namespace
 {
-typedef std::vector<unsigned char> Data;
-const DWORD kMode = STGM_READWRITE | STGM_SHARE_EXCLUSIVE;
-
-_bstr_t B(const wchar_t* text)
-{
-    return _bstr_t(text);
-}
-
-// Changes one stream of a file that nobody holds open: "admin", or "<instance>/<stream>".
-void Rewrite(const std::wstring& file, const std::wstring& path, const std::function<void(Data&)>& change)
-{
-    Data bytes = ReadStreamBytes(file.c_str(), path.c_str());
-    ASSERT_FALSE(bytes.empty()) << "no stream " << static_cast<const char*>(_bstr_t(path.c_str()));
-    change(bytes);
-    ComPtr<IStorage> root, child;
-    ComPtr<IStream> stream;
-    ASSERT_EQ(S_OK, StgOpenStorage(file.c_str(), nullptr, kMode, nullptr, 0, root.GetAddressOf()));
-    const size_t slash = path.find(L'/');
-    if (slash != std::wstring::npos)
-    {
-        ASSERT_EQ(S_OK, root->OpenStorage(path.substr(0, slash).c_str(), nullptr, kMode, nullptr, 0, child.GetAddressOf()));
-    }
-    IStorage* storage = child ? child.Get() : root.Get();
-    const std::wstring name = slash == std::wstring::npos ? path : path.substr(slash + 1);
-    ASSERT_EQ(S_OK, storage->CreateStream(name.c_str(), kMode | STGM_CREATE, 0, 0, stream.GetAddressOf()));
-    ASSERT_EQ(S_OK, stream->Write(bytes.data(), static_cast<ULONG>(bytes.size()), nullptr));
-}
-
-DWORD DwordAt(const Data& bytes, size_t at)
-{
-    DWORD value = 0;
-    memcpy(&value, &bytes[at], sizeof value);
-    return value;
-}
+typedef std::function<HRESULT(IFbInstanceData*)> Call;
 
 // Names of the elements of the root, as a frame's file shows them.
 std::set<std::wstring> RootNames(IStorage* root)
 {
     std::set<std::wstring> names;
     ComPtr<IEnumSTATSTG> list;
-    STATSTG item;
-    if (SUCCEEDED(root->EnumElements(0, nullptr, 0, list.GetAddressOf())))
-        while (list->Next(1, &item, nullptr) == S_OK)
-            names.insert(item.pwcsName), CoTaskMemFree(item.pwcsName);
+    if (SUCCEEDED(root->EnumElements(0, nullptr, 0, &list)))
+        for (STATSTG item; list->Next(1, &item, nullptr) == S_OK; CoTaskMemFree(item.pwcsName))
+            names.insert(item.pwcsName);
     return names;
 }
 
@@ -68,146 +38,149 @@ void ExpectSame(const Snapshot& expected, const Snapshot& actual, std::initializ
 }
 
 // A copy of the model file per test, opened as a frame opens it.
-class Situations : public ::testing::Test
+class Situations : public StoreSession
 {
-protected:
+public:
     void SetUp() override
     {
-        const std::string name = ::testing::UnitTest::GetInstance()->current_test_info()->name();
-        m_file = TestFilesDirectory() + L"safety-" + std::wstring(name.begin(), name.end()) + L".stg";
-        ASSERT_TRUE(CopyFileW(ModelFile().c_str(), m_file.c_str(), FALSE));
-        m_store = CreateStore();
-        ASSERT_EQ(S_OK, m_store.As(&m_manager));
+        StoreSession::SetUp();
+        Fresh();
+        Open();
     }
     void TearDown() override
     {
-        Close();
-        for (const wchar_t* suffix : {L"", L".unreadable", L".unreadable.1"})
-            DeleteFileW((m_file + suffix).c_str());
+        StoreSession::TearDown();
+        RemoveKeptFiles();
     }
-    HRESULT Open() { return OpenIn(m_manager.Get(), m_file, m_root); }
-    void Close()
+    void RemoveKeptFiles()
     {
-        m_root.Reset();
-        GiveUp(m_manager.Get());
+        for (const wchar_t* suffix : {L".unreadable", L".unreadable.1"})
+            DeleteFileW((std::wstring(Path()) + suffix).c_str());
     }
-    void Reopen()
+    // Gives the file up and makes it a new copy of the model.
+    void Fresh()
     {
-        ASSERT_EQ(S_OK, m_root->Commit(STGC_DEFAULT));
-        ASSERT_EQ(S_OK, Open());
+        GiveUp();
+        ASSERT_TRUE(CopyFileW(ModelFile().c_str(), Path(), FALSE));
     }
-
-public:
-    IFbInstanceData* Store() { return m_store.Get(); }
-
-protected:
-
-    std::wstring m_file;
-    ComPtr<IFbInstanceData> m_store;
-    ComPtr<IInstanceDataMgr> m_manager;
-    ComPtr<IStorage> m_root;
 };
 }  // namespace
 
-// Delete removes instance storages only: the administration stream in any
-// letter case and any other element are refused, and nothing changes.
-TEST_F(Situations, DeleteRefusesWhatIsNoInstance)
+// A call that is refused or fails half way changes nothing, also once a later
+// write of the same instance is committed. Delete removes instance storages
+// only: the administration stream in any letter case and any other element
+// are refused.
+TEST_F(Situations, RefusedAndFailedCallsChangeNothing)
 {
-    ASSERT_EQ(S_OK, Open());
     ComPtr<IStream> stream;
     ComPtr<IStorage> storage;
-    ASSERT_EQ(S_OK, m_root->CreateStream(L"5", kMode, 0, 0, stream.GetAddressOf()));
-    ASSERT_EQ(S_OK, m_root->CreateStorage(L"x", kMode, 0, 0, storage.GetAddressOf()));
-    ASSERT_EQ(S_OK, m_root->CreateStorage(L"01", kMode, 0, 0, storage.ReleaseAndGetAddressOf()));
+    const DWORD mode = STGM_READWRITE | STGM_SHARE_EXCLUSIVE;
+    ASSERT_EQ(S_OK, Root()->CreateStream(L"5", mode, 0, 0, &stream));
+    ASSERT_EQ(S_OK, Root()->CreateStorage(L"x", mode, 0, 0, &storage));
+    ASSERT_EQ(S_OK, Root()->CreateStorage(L"01", mode, 0, 0, &storage));
     stream.Reset(), storage.Reset();
-    const Snapshot before = Take(Store());
-    const std::set<std::wstring> names = RootNames(m_root.Get());
-    for (const wchar_t* name : {L"ADMIN", L"Admin", L"admin", L"5", L"x", L"01", L"0", L"-1"})
-    {
-        TraceCapture trace;
-        EXPECT_EQ(E_INVALIDARG, Store()->Delete(nullptr, B(name))) << static_cast<const char*>(_bstr_t(name));
-        EXPECT_TRUE(trace.Contains("FbInstanceData::Delete " + std::string(_bstr_t(name)) + " is not an instance"))
-            << trace.Text();
-        EXPECT_EQ(names, RootNames(m_root.Get())) << static_cast<const char*>(_bstr_t(name));
-    }
-    Reopen();
-    ExpectSame(before, Take(Store()));
-}
-
-// A writer that fails half way leaves the instance as it was, also once a
-// later write of the same instance is committed.
-TEST_F(Situations, FailedRewriteLeavesTheInstance)
-{
-    VARIANT null, array;
-    V_VT(&null) = VT_NULL;
+    _variant_t array;
     V_VT(&array) = VT_ARRAY | VT_I4;
     V_ARRAY(&array) = SafeArrayCreateVector(VT_I4, 0, 2);
-    const _variant_t nullValue(null), arrayValue(array, false);
-    const std::function<HRESULT(IFbInstanceData*)> writers[] = {
-        [&](IFbInstanceData* s) { return s->WriteParameterInfo(nullptr, B(L"1"), MakeParameter(L"str", nullValue).Get()); },
-        [&](IFbInstanceData* s) { return s->WriteParameterInfo(nullptr, B(L"1"), MakeParameter(L"i4", arrayValue).Get()); },
-        [&](IFbInstanceData* s) {
-            return s->WriteParameterInfo(nullptr, B(L"1"), MakeParameter(L"r8", _variant_t(1.0), nullValue).Get());
-        },
-        [&](IFbInstanceData* s) { return s->WriteParameter(nullptr, B(L"1"), B(L"date"), nullValue); },
-    };
-    ASSERT_EQ(S_OK, Open());
-    const Snapshot before = Take(Store());
-    for (size_t i = 0; i < sizeof writers / sizeof writers[0]; ++i)
+    struct Row
     {
-        SCOPED_TRACE(i);
-        EXPECT_TRUE(FAILED(writers[i](Store())));
+        std::string name;
+        Call call;
+        std::string message;   // traced, when given
+        HRESULT refusal;       // the result, when it is not any failure
+    };
+    std::vector<Row> rows = {
+        {"null parameter value", [](IFbInstanceData* s) { return DefineIn(s, L"1", L"str", NullValue()); }},
+        {"array parameter value", [&](IFbInstanceData* s) { return DefineIn(s, L"1", L"i4", array); }},
+        {"null default value", [](IFbInstanceData* s) { return DefineIn(s, L"1", L"r8", 1.0, NullValue()); }},
+        {"null value", [](IFbInstanceData* s) { return s->WriteParameter(nullptr, B(L"1"), B(L"date"), NullValue()); }},
+    };
+    for (const wchar_t* name : {L"ADMIN", L"Admin", L"admin", L"5", L"x", L"01", L"0", L"-1"})
+        rows.push_back({"Delete " + Narrow(name), [=](IFbInstanceData* s) { return s->Delete(nullptr, B(name)); },
+                        "FbInstanceData::Delete " + Narrow(name) + " is not an instance", E_INVALIDARG});
+    const Snapshot before = Take(Store());
+    const std::set<std::wstring> names = RootNames(Root());
+    for (size_t i = 0; i < rows.size(); ++i)
+    {
+        SCOPED_TRACE(rows[i].name);
+        TraceCapture trace;
+        const HRESULT hr = rows[i].call(Store());
+        EXPECT_TRUE(rows[i].refusal ? hr == rows[i].refusal : FAILED(hr)) << Hex(hr);
+        EXPECT_TRUE(trace.Contains(rows[i].message)) << trace.Text();
+        EXPECT_EQ(names, RootNames(Root()));
         ASSERT_EQ(S_OK, Store()->WriteParameter(nullptr, B(L"1"), B(L"flag"), _variant_t(i % 2 == 0)));
         Reopen();
         ExpectSame(before, Take(Store()), {"flag", "1|list"});
     }
 }
 
-// Counters behind the names in use are skipped over, repaired and traced;
-// nothing in use is taken again.
-TEST_F(Situations, LaggingCountersAreRepaired)
+// A stream changed behind the store's back. A stored string whose last unit
+// is not 0, or whose count is odd, is refused before it is used. A counter
+// behind the names in use is skipped over, traced and repaired, and nothing in
+// use is taken again.
+TEST_F(Situations, DamagedStreamsAreRefusedOrRepaired)
 {
+    // A string with another count or last unit; a counter set back.
+    const auto badString = [](const wchar_t* text, bool oddCount) {
+        return [=](std::string& bytes) {
+            const DWORD count = static_cast<DWORD>(wcslen(text) + 1) * 2;
+            const size_t at = bytes.find(std::string(reinterpret_cast<const char*>(&count), 4) +
+                                         std::string(reinterpret_cast<const char*>(text), count));
+            ASSERT_NE(std::string::npos, at);
+            bytes[oddCount ? at : at + 4 + count - 2] = oddCount ? static_cast<char>(count - 1) : 'Z';
+        };
+    };
+    const auto counter = [](DWORD value) { return [=](std::string& bytes) { memcpy(&bytes[4], &value, 4); }; };
+    const Call readStr = [](IFbInstanceData* s) { _variant_t v; return s->ReadParameter(nullptr, B(L"1"), B(L"str"), &v); };
     const struct
     {
         const wchar_t* stream;
-        DWORD lagging, taken;
-        std::function<HRESULT(IFbInstanceData*)> write;
-        const char* message;
+        std::function<void(std::string&)> change;
+        Call call;
+        const char* message;   // null: the call fails; else it succeeds and traces this
+        DWORD taken;           // the counter is one above it afterwards
     } rows[] = {
-        {L"admin", 1, 4,
-         [](IFbInstanceData* s) {
-             _bstr_t id;
-             return s->Create(nullptr, ComPtr<TestDtmDescriptor>(new TestDtmDescriptor).Get(),
-                              ComPtr<TestCommDescriptor>(new TestCommDescriptor).Get(), id.GetAddress());
-         },
-         "FbInstanceData::Create next instance number 1 is in use: 4 taken"},
-        {L"1/map", 0, 9,
-         [](IFbInstanceData* s) { return s->WriteParameterInfo(nullptr, B(L"1"), MakeParameter(L"new", _variant_t(1L)).Get()); },
-         "FbInstanceData::AllocateStreamName next stream number 0 of instance 1 is in use: 9 taken"},
-        {L"2/map", 1, 3,
-         [](IFbInstanceData* s) {
-             SAFEARRAY* members = MakeBstrArray({L"x"});
-             const HRESULT hr = s->DefineGroup(nullptr, B(L"2"), B(L"gnew"), 1, &members);
-             SafeArrayDestroy(members);
-             return hr;
-         },
-         "FbInstanceData::AllocateStreamName next stream number 1 of instance 2 is in use: 3 taken"},
+        {L"1/1", badString(L"text", false), readStr},
+        {L"1/1", badString(L"text", true), readStr},
+        {L"1/7", badString(L"str", false), [](IFbInstanceData* s) { Array m; return s->GetGroup(nullptr, B(L"1"), B(L"g1"), &m.p); }},
+        {L"1/map", badString(L"i4", true), [](IFbInstanceData* s) { Array m; return s->GetAllParameters(nullptr, B(L"1"), &m.p); }},
+        {L"2/instance", badString(L"1", false),
+         [](IFbInstanceData* s) { ComPtr<IFdtInstanceDataRef> r; return s->GetSuperInstanceData(nullptr, B(L"2"), &r); }},
+        {L"admin", counter(1), [](IFbInstanceData* s) { return CreateIn(s); },
+         "FbInstanceData::Create next instance number 1 is in use: 4 taken", 4},
+        {L"1/map", counter(0), [](IFbInstanceData* s) { return DefineIn(s, L"1", L"new", 1L); },
+         "FbInstanceData::AllocateStreamName next stream number 0 of instance 1 is in use: 9 taken", 9},
+        {L"2/map", counter(1), [](IFbInstanceData* s) { return GroupIn(s, L"2", L"gnew", 1, {L"x"}); },
+         "FbInstanceData::AllocateStreamName next stream number 1 of instance 2 is in use: 3 taken", 3},
     };
     for (const auto& row : rows)
     {
-        SCOPED_TRACE(static_cast<const char*>(_bstr_t(row.stream)));
-        Close();
-        ASSERT_TRUE(CopyFileW(ModelFile().c_str(), m_file.c_str(), FALSE));
-        Rewrite(m_file, row.stream, [&](Data& bytes) { memcpy(&bytes[4], &row.lagging, 4); });
-        ASSERT_EQ(S_OK, Open());
+        SCOPED_TRACE(Narrow(row.stream) + (row.message ? " lagging" : " string"));
+        Fresh();
+        if (!row.message)   // the call reads the undamaged file
+        {
+            Open();
+            ASSERT_EQ(S_OK, row.call(Store()));
+            GiveUp();
+        }
+        ASSERT_EQ(S_OK, damaged_copies::ChangeStream(Path(), row.stream, row.change));
+        Open();
         const Snapshot before = Take(Store());
         TraceCapture trace;
-        ASSERT_EQ(S_OK, row.write(Store()));
+        const HRESULT hr = row.call(Store());
+        if (!row.message)
+        {
+            EXPECT_TRUE(FAILED(hr)) << Hex(hr);
+            continue;
+        }
+        ASSERT_EQ(S_OK, hr);
         EXPECT_TRUE(trace.Contains(row.message)) << trace.Text();
         Reopen();
         ExpectSame(before, Take(Store()), {"instances", "params", "groups", "list"});   // the lists grow
-        Close();
-        EXPECT_EQ(row.taken + 1, DwordAt(ReadStreamBytes(m_file.c_str(), row.stream), 4));
+        GiveUp();
+        DWORD next = 0;
+        damaged_copies::ChangeStream(Path(), row.stream, [&](std::string& bytes) { memcpy(&next, &bytes[4], 4); });
+        EXPECT_EQ(row.taken + 1, next);
     }
 }
 
@@ -215,108 +188,50 @@ TEST_F(Situations, LaggingCountersAreRepaired)
 // it; an earlier kept file stays; a file that is held fails and stays as it is.
 TEST_F(Situations, UnreadableFileIsKeptAside)
 {
-    const std::string noise = "not a store file";
     const struct
     {
         bool earlierKept, held;
         const wchar_t* keptAt;   // null: the open fails
     } rows[] = {{false, false, L".unreadable"}, {true, false, L".unreadable.1"}, {false, true, nullptr}};
-    auto contentOf = [](const std::wstring& path) {
-        HANDLE file = CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0, nullptr);
-        char buffer[64] = {};
-        DWORD read = 0;
-        ReadFile(file, buffer, sizeof buffer, &read, nullptr);
-        CloseHandle(file);
-        return file == INVALID_HANDLE_VALUE ? std::string("<none>") : std::string(buffer, read);
-    };
-    auto put = [](const std::wstring& path, const std::string& text) {
-        HANDLE file = CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0, nullptr);
-        DWORD written = 0;
-        WriteFile(file, text.data(), static_cast<DWORD>(text.size()), &written, nullptr);
-        CloseHandle(file);
+    const auto contentOf = [](const std::wstring& path) {
+        std::ifstream in(path.c_str(), std::ios::binary);
+        std::stringstream all;
+        all << in.rdbuf();
+        return in ? all.str() : "<none>";
     };
     for (const auto& row : rows)
     {
-        SCOPED_TRACE(row.keptAt ? static_cast<const char*>(_bstr_t(row.keptAt)) : "held");
-        Close();
-        TearDown();
-        put(m_file, noise);
+        SCOPED_TRACE(row.keptAt ? Narrow(row.keptAt) : "held");
+        GiveUp();
+        DeleteFileW(Path());
+        RemoveKeptFiles();
+        std::ofstream(Path()) << "not a store file";
         if (row.earlierKept)
-            put(m_file + L".unreadable", "kept before");
-        HANDLE holder = row.held ? CreateFileW(m_file.c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr)
+            std::ofstream((std::wstring(Path()) + L".unreadable").c_str()) << "kept before";
+        HANDLE holder = row.held ? CreateFileW(Path(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr)
                                  : INVALID_HANDLE_VALUE;
         TraceCapture trace;
-        const HRESULT hr = Open();
+        ComPtr<IStorage> root;
+        const HRESULT hr = Manager()->OpenStorage(Path(), &root);
         if (holder != INVALID_HANDLE_VALUE)
             CloseHandle(holder);
-        if (!row.keptAt)
+        EXPECT_EQ(row.keptAt != nullptr, SUCCEEDED(hr)) << Hex(hr);
+        EXPECT_EQ("not a store file", contentOf(std::wstring(Path()) + (row.keptAt ? row.keptAt : L"")));
+        EXPECT_EQ(row.earlierKept ? "kept before" : row.keptAt ? "not a store file" : "<none>",
+                  contentOf(std::wstring(Path()) + L".unreadable"));
+        if (row.keptAt)
         {
-            EXPECT_TRUE(FAILED(hr));
-            EXPECT_EQ(noise, contentOf(m_file));
-            EXPECT_EQ("<none>", contentOf(m_file + L".unreadable"));
-            continue;
+            EXPECT_TRUE(trace.Contains("is not a readable storage file: kept as " + Narrow(std::wstring(Path()) + row.keptAt)))
+                << trace.Text();
         }
-        ASSERT_EQ(S_OK, hr);
-        EXPECT_EQ(noise, contentOf(m_file + row.keptAt));
-        if (row.earlierKept)
-        {
-            EXPECT_EQ("kept before", contentOf(m_file + L".unreadable"));
-        }
-        EXPECT_TRUE(trace.Contains(std::string("is not a readable storage file: kept as ") + std::string(_bstr_t((m_file + row.keptAt).c_str()))))
-            << trace.Text();
-    }
-}
-
-// A stored string whose last unit is not 0, or whose count is odd, is
-// refused before it is used: the read that needs it fails.
-TEST_F(Situations, DamagedStringsAreRefused)
-{
-    const struct
-    {
-        const wchar_t* stream;   // where the string is
-        const wchar_t* text;
-        bool oddCount;           // else the last unit is not 0
-        std::function<HRESULT(IFbInstanceData*)> read;
-    } rows[] = {
-        {L"1/1", L"text", false, [](IFbInstanceData* s) { _variant_t v; return s->ReadParameter(nullptr, B(L"1"), B(L"str"), &v); }},
-        {L"1/1", L"text", true, [](IFbInstanceData* s) { _variant_t v; return s->ReadParameter(nullptr, B(L"1"), B(L"str"), &v); }},
-        {L"1/7", L"str", false, [](IFbInstanceData* s) { SAFEARRAY* m = nullptr; return s->GetGroup(nullptr, B(L"1"), B(L"g1"), &m); }},
-        {L"1/map", L"i4", true, [](IFbInstanceData* s) { SAFEARRAY* m = nullptr; return s->GetAllParameters(nullptr, B(L"1"), &m); }},
-        {L"2/instance", L"1", false, [](IFbInstanceData* s) {
-             ComPtr<IFdtInstanceDataRef> r;
-             return s->GetSuperInstanceData(nullptr, B(L"2"), r.GetAddressOf());
-         }},
-    };
-    for (const auto& row : rows)
-    {
-        SCOPED_TRACE(std::string(_bstr_t(row.stream)) + " " + std::string(_bstr_t(row.text)));
-        Close();
-        ASSERT_TRUE(CopyFileW(ModelFile().c_str(), m_file.c_str(), FALSE));
-        ASSERT_EQ(S_OK, Open());
-        ASSERT_EQ(S_OK, row.read(Store()));
-        Close();
-        Rewrite(m_file, row.stream, [&](Data& bytes) {
-            const DWORD count = static_cast<DWORD>(wcslen(row.text) + 1) * 2;
-            Data pattern(4 + count);
-            memcpy(pattern.data(), &count, 4);
-            memcpy(pattern.data() + 4, row.text, count);
-            const auto at = std::search(bytes.begin(), bytes.end(), pattern.begin(), pattern.end());
-            ASSERT_NE(bytes.end(), at);
-            if (row.oddCount)
-                at[0] = static_cast<unsigned char>(count - 1);
-            else
-                at[4 + count - 2] = 'Z';
-        });
-        ASSERT_EQ(S_OK, Open());
-        EXPECT_TRUE(FAILED(row.read(Store())));
     }
 }
 
 namespace
 {
-// Allocations of the module fail on request: the k-th call of malloc (the
-// C++ allocator's) or of the BSTR allocators from now on fails once. The
-// module's import slots are bent to the counting functions.
+// Allocations of the module fail on request: the k-th call of malloc (the C++
+// allocator's) or of the BSTR allocators from now on fails once. The module's
+// import slots are bent to the counting functions while this lives.
 struct FailingAllocation
 {
     static LONG countdown;
@@ -328,6 +243,7 @@ struct FailingAllocation
     static BSTR WINAPI AllocLen(const OLECHAR* text, UINT length) { return Fail() ? nullptr : realAllocLen(text, length); }
     static BSTR WINAPI Alloc(const OLECHAR* text) { return Fail() ? nullptr : realAlloc(text); }
 
+    // Points the module's import slot of dll!name at replacement; real keeps the first value found.
     template <class Function>
     static void Bend(const char* dll, const char* name, Function replacement, Function& real)
     {
@@ -337,18 +253,15 @@ struct FailingAllocation
             base + nt->OptionalHeader.DataDirectory[IMAGE_DIRECTORY_ENTRY_IMPORT].VirtualAddress);
         for (; import->Name; ++import)
         {
-            if (_stricmp(reinterpret_cast<char*>(base + import->Name), dll))
-                continue;
             auto names = reinterpret_cast<IMAGE_THUNK_DATA*>(base + import->OriginalFirstThunk);
             auto slots = reinterpret_cast<IMAGE_THUNK_DATA*>(base + import->FirstThunk);
-            for (; names->u1.AddressOfData; ++names, ++slots)
+            for (; !_stricmp(reinterpret_cast<char*>(base + import->Name), dll) && names->u1.AddressOfData; ++names, ++slots)
                 if (!IMAGE_SNAP_BY_ORDINAL(names->u1.Ordinal) &&
                     !strcmp(reinterpret_cast<IMAGE_IMPORT_BY_NAME*>(base + names->u1.AddressOfData)->Name, name))
                 {
                     DWORD protection = 0;
                     VirtualProtect(&slots->u1.Function, sizeof(void*), PAGE_READWRITE, &protection);
-                    if (!real)
-                        real = reinterpret_cast<Function>(slots->u1.Function);
+                    real = real ? real : reinterpret_cast<Function>(slots->u1.Function);
                     slots->u1.Function = reinterpret_cast<ULONG_PTR>(replacement);
                     VirtualProtect(&slots->u1.Function, sizeof(void*), protection, &protection);
                     return;
@@ -356,11 +269,12 @@ struct FailingAllocation
         }
         ADD_FAILURE() << "the module imports no " << name;
     }
-    FailingAllocation()
+    explicit FailingAllocation(LONG k)
     {
         Bend("msvcrt.dll", "malloc", &Malloc, realMalloc);
         Bend("oleaut32.dll", "SysAllocStringLen", &AllocLen, realAllocLen);
         Bend("oleaut32.dll", "SysAllocString", &Alloc, realAlloc);
+        countdown = k;
     }
     ~FailingAllocation()
     {
@@ -385,47 +299,33 @@ TEST_F(Situations, FailedAllocationLeavesNoHalfState)
     const struct
     {
         const char* name;
-        std::function<HRESULT(Situations&, _bstr_t&)> run;   // null: OpenStorage
+        Call run;   // null: OpenStorage
     } rows[] = {
         {"OpenStorage", nullptr},
-        {"Create", [](Situations& t, _bstr_t& id) {
-             return t.Store()->Create(nullptr, ComPtr<TestDtmDescriptor>(new TestDtmDescriptor).Get(),
-                                      ComPtr<TestCommDescriptor>(new TestCommDescriptor).Get(), id.GetAddress());
-         }},
-        {"Duplicate", [](Situations& t, _bstr_t& id) { return t.Store()->Duplicate(nullptr, B(L"1"), id.GetAddress()); }},
-        {"WriteParameterInfo", [](Situations& t, _bstr_t&) {
-             return t.Store()->WriteParameterInfo(nullptr, B(L"1"), MakeParameter(L"new", _variant_t(L"n")).Get());
-         }},
-        {"DefineGroup", [](Situations& t, _bstr_t&) {
-             SAFEARRAY* members = MakeBstrArray({L"i4"});
-             const HRESULT hr = t.Store()->DefineGroup(nullptr, B(L"1"), B(L"gnew"), 1, &members);
-             SafeArrayDestroy(members);
-             return hr;
-         }},
+        {"Create", [](IFbInstanceData* s) { return CreateIn(s); }},
+        {"Duplicate", [](IFbInstanceData* s) { _bstr_t id; return s->Duplicate(nullptr, B(L"1"), id.GetAddress()); }},
+        {"WriteParameterInfo", [](IFbInstanceData* s) { return DefineIn(s, L"1", L"new", L"n"); }},
+        {"DefineGroup", [](IFbInstanceData* s) { return GroupIn(s, L"1", L"gnew", 1, {L"i4"}); }},
     };
-    ASSERT_EQ(S_OK, Open());
     const Snapshot model = Take(Store());
-    const std::set<std::wstring> names = RootNames(m_root.Get());
+    const std::set<std::wstring> names = RootNames(Root());
     for (const auto& row : rows)
     {
         bool reached = true;
         for (LONG k = 1; reached && k < 1000; ++k)
         {
             SCOPED_TRACE(std::string(row.name) + ", allocation " + std::to_string(k));
-            Close();
-            ASSERT_TRUE(CopyFileW(ModelFile().c_str(), m_file.c_str(), FALSE));
+            Fresh();
             if (row.run)
             {
-                ASSERT_EQ(S_OK, Open());
+                Open();
                 Take(Store());   // the instance storage and its map are cached, as in a session
             }
             ComPtr<IStorage> root;
-            _bstr_t id;
             HRESULT hr;
             {
-                FailingAllocation failing;
-                FailingAllocation::countdown = k;
-                hr = row.run ? row.run(*this, id) : m_manager->OpenStorage(B(m_file.c_str()), root.GetAddressOf());
+                FailingAllocation failing(k);
+                hr = row.run ? row.run(Store()) : Manager()->OpenStorage(Path(), &root);
                 reached = FailingAllocation::countdown == 0;
             }
             EXPECT_TRUE(KnownResult(hr)) << Hex(hr);
@@ -435,16 +335,16 @@ TEST_F(Situations, FailedAllocationLeavesNoHalfState)
             {
                 _variant_t value;
                 EXPECT_TRUE(FAILED(Store()->ReadParameter(nullptr, B(L"77"), B(L"i4"), &value)));
-                EXPECT_EQ(names, RootNames(m_root.Get()));
-                ExpectSame(model, Take(Store()));
-                continue;
+                EXPECT_EQ(names, RootNames(Root()));
             }
-            ComPtr<IStorage> held;
-            EXPECT_TRUE(FAILED(m_manager->GetStorage(held.GetAddressOf())));
-            ComPtr<IStorage> free;
-            EXPECT_EQ(S_OK, StgOpenStorage(m_file.c_str(), nullptr, kMode, nullptr, 0, free.GetAddressOf()));
-            free.Reset();
-            ASSERT_EQ(S_OK, m_manager->OpenStorage(B(m_file.c_str()), m_root.GetAddressOf()));
+            else
+            {
+                EXPECT_TRUE(FAILED(Manager()->GetStorage(&root)));
+                EXPECT_EQ(S_OK, StgOpenStorage(Path(), nullptr, STGM_READWRITE | STGM_SHARE_EXCLUSIVE, nullptr,
+                                               0, &root));
+                root.Reset();
+                Open();
+            }
             ExpectSame(model, Take(Store()));
         }
         EXPECT_FALSE(reached) << row.name << ": every allocation failed once and it still did not succeed";
@@ -458,17 +358,14 @@ namespace
 void CommittedPart(IFbInstanceData* store)
 {
     _bstr_t id;
-    ASSERT_EQ(S_OK, store->Create(nullptr, ComPtr<TestDtmDescriptor>(new TestDtmDescriptor).Get(),
-                                  ComPtr<TestCommDescriptor>(new TestCommDescriptor).Get(), id.GetAddress()));
+    ASSERT_EQ(S_OK, CreateIn(store, &id));
     ASSERT_EQ(S_OK, store->WriteParameter(nullptr, B(L"1"), B(L"i4"), _variant_t(99L)));
-    ASSERT_EQ(S_OK, store->WriteParameterInfo(nullptr, id, MakeParameter(L"p", _variant_t(L"kept")).Get()));
+    ASSERT_EQ(S_OK, DefineIn(store, id, L"p", L"kept"));
 }
 
 void UncommittedPart(IFbInstanceData* store)
 {
-    _bstr_t id;
-    ASSERT_EQ(S_OK, store->Create(nullptr, ComPtr<TestDtmDescriptor>(new TestDtmDescriptor).Get(),
-                                  ComPtr<TestCommDescriptor>(new TestCommDescriptor).Get(), id.GetAddress()));
+    ASSERT_EQ(S_OK, CreateIn(store));
     ASSERT_EQ(S_OK, store->WriteParameter(nullptr, B(L"1"), B(L"str"), _variant_t(L"lost")));
     ASSERT_EQ(S_OK, store->DeleteParameter(nullptr, B(L"1"), B(L"r8")));
     ASSERT_EQ(S_OK, store->Delete(nullptr, B(L"2")));
@@ -485,7 +382,7 @@ TEST(KilledFrame, Child)
     ComPtr<IInstanceDataMgr> manager;
     ComPtr<IStorage> root;
     ASSERT_EQ(S_OK, store.As(&manager));
-    ASSERT_EQ(S_OK, manager->OpenStorage(_bstr_t(file), root.GetAddressOf()));
+    ASSERT_EQ(S_OK, manager->OpenStorage(_bstr_t(file), &root));
     CommittedPart(store.Get());
     ASSERT_EQ(S_OK, root->Commit(STGC_DEFAULT));
     UncommittedPart(store.Get());
@@ -495,16 +392,14 @@ TEST(KilledFrame, Child)
 
 TEST_F(Situations, FileIsAsLastCommitted)
 {
-    ASSERT_EQ(S_OK, Open());
     CommittedPart(Store());
     Reopen();
     const Snapshot expected = Take(Store());
-    Close();
-    ASSERT_TRUE(CopyFileW(ModelFile().c_str(), m_file.c_str(), FALSE));
+    Fresh();
 
     const std::wstring event = L"SafetyChildReady" + std::to_wstring(GetCurrentProcessId());
     HANDLE ready = CreateEventW(nullptr, TRUE, FALSE, event.c_str());
-    SetEnvironmentVariableW(L"SAFETY_CHILD_FILE", m_file.c_str());
+    SetEnvironmentVariableW(L"SAFETY_CHILD_FILE", Path());
     SetEnvironmentVariableW(L"SAFETY_CHILD_EVENT", event.c_str());
     wchar_t program[MAX_PATH];
     GetModuleFileNameW(nullptr, program, MAX_PATH);
@@ -519,8 +414,6 @@ TEST_F(Situations, FileIsAsLastCommitted)
     TerminateProcess(child.hProcess, 9);
     WaitForSingleObject(child.hProcess, INFINITE);
     CloseHandle(child.hProcess), CloseHandle(child.hThread), CloseHandle(ready);
-
-    ASSERT_EQ(S_OK, Open());
-    const Snapshot after = Take(Store());
-    EXPECT_EQ(expected, after);
+    Open();
+    EXPECT_EQ(expected, Take(Store()));
 }

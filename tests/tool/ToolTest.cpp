@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 #include <windows.h>
 #include <ole2.h>
-#include <wrl/client.h>
 #include <fstream>
 #include <functional>
 #include <sstream>
@@ -11,7 +10,6 @@
 #include <nlohmann/json.hpp>
 #include "DamagedCopies.h"
 
-using Microsoft::WRL::ComPtr;
 using Json = nlohmann::ordered_json;
 using Bytes = std::string;
 
@@ -61,13 +59,13 @@ Outcome Start(const std::wstring& program, const std::wstring& arguments)
                                         &startup, &process);
     CloseHandle(out);
     Outcome run = {~0UL, ""};
-    if (!started)
-        return run;
-    WaitForSingleObject(process.hProcess, 120000);
-    GetExitCodeProcess(process.hProcess, &run.code);
-    CloseHandle(process.hProcess);
-    CloseHandle(process.hThread);
-    run.out = Contents(outPath);
+    if (started)
+    {
+        WaitForSingleObject(process.hProcess, 120000);
+        GetExitCodeProcess(process.hProcess, &run.code);
+        CloseHandle(process.hProcess), CloseHandle(process.hThread);
+        run.out = Contents(outPath);
+    }
     return run;
 }
 
@@ -100,43 +98,6 @@ Json Exported(const std::wstring& store, const std::wstring& name)
     return Json::parse(Contents(out), nullptr, false);
 }
 
-// Replaces the bytes of one stream ("1/map") of a closed store file; an
-// empty change destroys it, a missing stream is created.
-void Damage(const std::wstring& file, const std::wstring& path, const std::function<void(Bytes&)>& change)
-{
-    ComPtr<IStorage> root, storage;
-    const DWORD mode = STGM_READWRITE | STGM_SHARE_EXCLUSIVE;
-    ASSERT_HRESULT_SUCCEEDED(StgOpenStorage(file.c_str(), nullptr, mode, nullptr, 0, root.GetAddressOf()));
-    const size_t slash = path.find(L'/');
-    storage = root;
-    if (slash != std::wstring::npos)
-    {
-        ASSERT_HRESULT_SUCCEEDED(root->OpenStorage(path.substr(0, slash).c_str(), nullptr, mode, nullptr, 0,
-                                                   storage.ReleaseAndGetAddressOf()));
-    }
-    const std::wstring name = path.substr(slash + 1);
-    if (!change)
-    {
-        ASSERT_HRESULT_SUCCEEDED(storage->DestroyElement(name.c_str()));
-        return;
-    }
-    ComPtr<IStream> stream;
-    Bytes bytes(4096, '\0');
-    ULONG read = 0;
-    if (SUCCEEDED(storage->OpenStream(name.c_str(), nullptr, mode, 0, stream.GetAddressOf())))
-        stream->Read(&bytes[0], 4096, &read);
-    else
-        ASSERT_HRESULT_SUCCEEDED(storage->CreateStream(name.c_str(), mode, 0, 0, stream.GetAddressOf()));
-    bytes.resize(read);
-    change(bytes);
-    ULARGE_INTEGER size = {};
-    size.QuadPart = bytes.size();
-    LARGE_INTEGER start = {};
-    stream->SetSize(size);
-    stream->Seek(start, STREAM_SEEK_SET, nullptr);
-    stream->Write(bytes.data(), static_cast<ULONG>(bytes.size()), nullptr);
-}
-
 // Changes the first occurrence of a UTF-16 text in the bytes.
 std::function<void(Bytes&)> Rename(const std::wstring& from, const std::wstring& to)
 {
@@ -152,8 +113,6 @@ std::function<void(Bytes&)> SetDword(size_t offset, DWORD value)
 {
     return [=](Bytes& bytes) { std::memcpy(&bytes[offset], &value, sizeof value); };
 }
-
-// ------------------------------------------------------------------ import
 
 TEST(ToolImport, RoundTripsGiveTheSameJson)
 {
@@ -210,8 +169,6 @@ TEST(ToolImport, RefusalsLeaveNoFile)
     }
 }
 
-// ------------------------------------------------------------------- check
-
 TEST(ToolCheck, FindsEachKindOfDamage)
 {
     const struct
@@ -237,25 +194,22 @@ TEST(ToolCheck, FindsEachKindOfDamage)
     {
         const std::wstring store = Store(L"damaged.stg", false);
         if (c.stream)
-            Damage(store, c.stream, c.change);
+        {
+            ASSERT_HRESULT_SUCCEEDED(damaged_copies::ChangeStream(store.c_str(), c.stream, c.change));
+        }
         const Outcome run = Tool(L"check " + Quote(store));
         EXPECT_EQ(c.finding ? 1u : 0u, run.code) << run.out;
-        if (c.finding)
-            EXPECT_NE(std::string::npos, run.out.find(c.finding)) << run.out;
-        else
-            EXPECT_EQ("", run.out);
+        EXPECT_TRUE(c.finding ? run.out.find(c.finding) != std::string::npos : run.out.empty()) << run.out;
     }
     const Outcome demo = Tool(L"check " + Quote(Store(L"clean-demo.stg", true)));
     EXPECT_EQ(0u, demo.code) << demo.out;
 }
 
-// ----------------------------------------------------- dump, export, bytes
-
 TEST(ToolDump, ExitCodesAndTheFileUnchanged)
 {
     const std::wstring good = Store(L"dump.stg", false);
     const std::wstring damaged = Store(L"dump-damaged.stg", false);
-    Damage(damaged, L"2/dtm", [](Bytes& b) { b.resize(7); });
+    ASSERT_HRESULT_SUCCEEDED(damaged_copies::ChangeStream(damaged.c_str(), L"2/dtm", [](Bytes& b) { b.resize(7); }));
     const std::wstring text = File(L"not-a-store.stg");
     std::ofstream(text.c_str()) << "plain text";
     const std::wstring out = Quote(File(L"dump-out.json"));
@@ -286,19 +240,14 @@ TEST(ToolDump, ExitCodesAndTheFileUnchanged)
         EXPECT_NE(std::string::npos, run.out.find(c.shown)) << run.out;
         EXPECT_EQ(before, Contents(*c.file));
     }
-    EXPECT_EQ(0u, Tool(L"--help").code);
-    EXPECT_NE(std::string::npos, Tool(L"import --help").out.find("usage: InstanceDataTool.exe import IN.json FILE"));
-}
-// Every kind of damage of the data-safety generator: dump and check end with
-// one of their exit codes (never a crash) and leave the copy as it was.
-TEST(ToolDump, DamagedCopiesOfEveryKind)
-{
+    // Every kind of damage of the data-safety generator: one of the exit codes
+    // (never a crash), and the copy as it was.
     CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED);
-    const std::wstring source = Store(L"source.stg", false), copy = File(L"copy.stg");
+    const std::wstring copy = File(L"copy.stg");
     for (unsigned seed = 0; seed < damaged_copies::DamageKindCount(); ++seed)
     {
         std::string description;
-        ASSERT_HRESULT_SUCCEEDED(damaged_copies::MakeDamagedCopy(source.c_str(), copy.c_str(), seed, description));
+        ASSERT_HRESULT_SUCCEEDED(damaged_copies::MakeDamagedCopy(good.c_str(), copy.c_str(), seed, description));
         const Bytes before = Contents(copy);
         for (const wchar_t* command : {L"dump ", L"check "})
         {
@@ -308,5 +257,7 @@ TEST(ToolDump, DamagedCopiesOfEveryKind)
         }
     }
     CoUninitialize();
+    EXPECT_EQ(0u, Tool(L"--help").code);
+    EXPECT_NE(std::string::npos, Tool(L"import --help").out.find("usage: InstanceDataTool.exe import IN.json FILE"));
 }
 }  // namespace
