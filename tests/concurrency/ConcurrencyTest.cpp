@@ -2,6 +2,7 @@
 // frame's DTM, communication and own threads use it. Worker threads never
 // assert (GoogleTest is built without thread support): they note what went
 // wrong, and the main thread checks the notes.
+#include <olectl.h>
 #include <functional>
 #include <memory>
 #include <set>
@@ -144,6 +145,45 @@ _variant_t ReadValue(IFbInstanceData* store, BSTR id, BSTR name)
     return value;
 }
 
+HRESULT MakeFont(REFIID iid, void** font)
+{
+    FONTDESC description = {sizeof description, const_cast<LPOLESTR>(L"Arial"), {{100000, 0}}, 400, ANSI_CHARSET};
+    return OleCreateFontIndirect(&description, iid, font);
+}
+
+// An object value as a frame hands it over: a font that runs onSave, which
+// calls the store, before it saves itself.
+class CallingBackFont final : public IPersistStream
+{
+public:
+    explicit CallingBackFont(std::function<void()> onSave) : m_onSave(std::move(onSave))
+    {
+        MakeFont(IID_IPersistStream, reinterpret_cast<void**>(m_font.GetAddressOf()));
+    }
+    STDMETHODIMP QueryInterface(REFIID iid, void** object) override
+    {
+        const bool known = iid == IID_IUnknown || iid == IID_IPersist || iid == IID_IPersistStream;
+        *object = known ? static_cast<IPersistStream*>(this) : nullptr;
+        return known ? (AddRef(), S_OK) : E_NOINTERFACE;
+    }
+    STDMETHODIMP_(ULONG) AddRef() override { return ++m_references; }
+    STDMETHODIMP_(ULONG) Release() override
+    {
+        const ULONG left = --m_references;
+        return left ? left : (delete this, 0);
+    }
+    STDMETHODIMP GetClassID(CLSID* clsid) override { return m_font->GetClassID(clsid); }
+    STDMETHODIMP IsDirty() override { return S_OK; }
+    STDMETHODIMP Load(IStream* stream) override { return m_font->Load(stream); }
+    STDMETHODIMP Save(IStream* stream, BOOL clear) override { return m_onSave(), m_font->Save(stream, clear); }
+    STDMETHODIMP GetSizeMax(ULARGE_INTEGER* size) override { return m_font->GetSizeMax(size); }
+
+private:
+    std::function<void()> m_onSave;
+    ComPtr<IPersistStream> m_font;
+    ULONG m_references = 0;
+};
+
 using Concurrency = StoreSession;
 }  // namespace
 
@@ -195,9 +235,10 @@ TEST_F(Concurrency, ManyApartmentsAtOnce)
     }
 }
 
-// The caller's objects that Create and WriteParameterInfo read are proxies
-// into an apartment that uses the store meanwhile, or objects that call the
-// store back from their getters: both calls complete with what they gave.
+// The caller's objects that Create, WriteParameterInfo and WriteParameter read
+// or save are proxies into an apartment that uses the store meanwhile (and
+// whose object value calls it while it saves), or objects that call the
+// store back: every call completes with what they gave.
 TEST_F(Concurrency, CallerObjectsOfAnyApartment)
 {
     for (const bool otherApartment : {true, false})
@@ -209,9 +250,15 @@ TEST_F(Concurrency, CallerObjectsOfAnyApartment)
         Event ready, done;
         ComPtr<IFdtDtmDescriptor> dtm;
         ComPtr<IFdtParameter> parameter;
-        const auto makeObjects = [&](const std::function<void()>& onGet) {
+        const auto readBack = [&](IFbInstanceData* store) {
+            _variant_t value;
+            outcome.Check(store->ReadParameter(nullptr, busy, Name(1), value.GetAddress()) == S_OK &&
+                              value == ValueOf(1, 0, 0),
+                          "ReadParameter from the caller's object");
+        };
+        const auto makeObjects = [&](const std::function<void()>& onGet, const std::function<void()>& onSave) {
             auto* descriptor = new TestDtmDescriptor;
-            auto* info = new TestParameter(L"FromCaller", _variant_t(42L));
+            auto* info = new TestParameter(L"FromCaller", _variant_t(static_cast<IUnknown*>(new CallingBackFont(onSave))));
             descriptor->device = L"caller's device";
             descriptor->onGet = info->onGet = onGet;
             dtm = descriptor, parameter = info;
@@ -224,7 +271,7 @@ TEST_F(Concurrency, CallerObjectsOfAnyApartment)
             IStream* marshaled[2] = {};
             other = std::make_unique<Apartment>([&] {
                 ComPtr<IFbInstanceData> store = StoreOfThisApartment();
-                makeObjects([] {});
+                makeObjects([] {}, [&, own = store.Get()] { readBack(own); });
                 outcome.Check(store && SUCCEEDED(CoMarshalInterThreadInterfaceInStream(IID_IFdtDtmDescriptor, dtm.Get(), &marshaled[0])) &&
                                   SUCCEEDED(CoMarshalInterThreadInterfaceInStream(IID_IFdtParameter, parameter.Get(), &marshaled[1])),
                               "marshal");
@@ -249,18 +296,16 @@ TEST_F(Concurrency, CallerObjectsOfAnyApartment)
             EXPECT_EQ(S_OK, CoGetInterfaceAndReleaseStream(marshaled[0], IID_PPV_ARGS(&dtm)));
             EXPECT_EQ(S_OK, CoGetInterfaceAndReleaseStream(marshaled[1], IID_PPV_ARGS(&parameter)));
         }
-        else   // each getter reads a parameter that no other call changes
-            makeObjects([&] {
-                _variant_t value;
-                outcome.Check(Store()->ReadParameter(nullptr, busy, Name(1), value.GetAddress()) == S_OK &&
-                                  value == ValueOf(1, 0, 0),
-                              "ReadParameter from the caller's object");
-            });
+        else   // each getter and the value's save read a parameter that no other call changes
+            makeObjects([&] { readBack(Store()); }, [&] { readBack(Store()); });
         if (dtm && parameter)
         {
             EXPECT_EQ(S_OK, Store()->Create(nullptr, dtm.Get(), ComPtr<TestCommDescriptor>(new TestCommDescriptor).Get(),
                                             id.GetAddress()));
             EXPECT_EQ(S_OK, Store()->WriteParameterInfo(nullptr, id, parameter.Get()));
+            _variant_t value;
+            EXPECT_EQ(S_OK, parameter->get_m_value(value.GetAddress()));
+            EXPECT_EQ(S_OK, Store()->WriteParameter(nullptr, id, _bstr_t(L"FromCaller"), value));
         }
         dtm.Reset(), parameter.Reset();
         SetEvent(done);
@@ -274,6 +319,11 @@ TEST_F(Concurrency, CallerObjectsOfAnyApartment)
         ASSERT_EQ(S_OK, identification->get_m_dtm(&stored));
         ASSERT_EQ(S_OK, stored->get_m_device(device.GetAddress()));
         EXPECT_EQ(std::wstring(L"caller's device"), Str(device));
-        EXPECT_TRUE(ReadValue(Store(), id, _bstr_t(L"FromCaller")) == _variant_t(42L));
+        const _variant_t value = ReadValue(Store(), id, _bstr_t(L"FromCaller"));
+        ComPtr<IFont> font, given;
+        ASSERT_EQ(VT_UNKNOWN, V_VT(&value));
+        ASSERT_EQ(S_OK, V_UNKNOWN(&value)->QueryInterface(IID_IFont, reinterpret_cast<void**>(font.GetAddressOf())));
+        ASSERT_EQ(S_OK, MakeFont(IID_IFont, reinterpret_cast<void**>(given.GetAddressOf())));
+        EXPECT_EQ(S_OK, given->IsEqual(font.Get()));
     }
 }
