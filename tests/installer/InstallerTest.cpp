@@ -7,17 +7,11 @@
 #include <msi.h>
 #include "RegistrySnapshot.h"
 
-using namespace registry_snapshot;
+using namespace registry;
+using namespace child_process;
 
 namespace
 {
-// The module's keys, and the product registration of the installer service.
-std::vector<std::string> InstalledKeys()
-{
-    std::vector<std::string> keys = kModuleKeys;
-    keys.push_back("HKCR\\Installer");
-    return keys;
-}
 const wchar_t kInstalledFiles[][20] = {L"InstanceData.dll", L"Pivka.dll", L"InstanceData.tlb"};
 
 std::wstring ProgramFiles(const wchar_t* folder)
@@ -32,13 +26,13 @@ const std::wstring kFdtFolder = ProgramFiles(L"Korvo FDT");
 
 std::wstring Package()
 {
-    return child_process::ProgramDirectory() + (sizeof(void*) == 8 ? L"InstanceData-x86_64.msi" : L"InstanceData-i686.msi");
+    return ProgramDirectory() + (sizeof(void*) == 8 ? L"InstanceData-x86_64.msi" : L"InstanceData-i686.msi");
 }
 
 // msiexec <action> [the package] /qn
 DWORD Msiexec(const wchar_t* action, bool package = true)
 {
-    return child_process::Run(child_process::SystemProgram(L"msiexec.exe") + L" " + action +
+    return child_process::Run(SystemProgram(L"msiexec.exe") + L" " + action +
                               (package ? L" \"" + Package() + L"\"" : L"") + L" /qn");
 }
 
@@ -54,10 +48,10 @@ void InstallFdtStandIns()
 {
     // Keys the installer service keeps once any product was installed.
     for (const char* key : {"Installer\\Features", "Installer\\Products", "Installer\\UpgradeCodes"})
-        RegCloseKey(registry_dump::CreateKey(HKEY_CLASSES_ROOT, key));
+        CreateKey(HKEY_CLASSES_ROOT, key);
     CreateDirectoryW(kFdtFolder.c_str(), nullptr);
     for (const wchar_t* file : {L"FdtEnlist.exe", L"FdtRegisterComp.dll", L"FdtInterfaces.tlb"})
-        CopyFileW((child_process::ProgramDirectory() + file).c_str(), (kFdtFolder + L"\\" + file).c_str(), FALSE);
+        CopyFileW((ProgramDirectory() + file).c_str(), (kFdtFolder + L"\\" + file).c_str(), FALSE);
     RegisterFdtStandIns(kFdtFolder + L"\\");
     wchar_t path[32768];
     const DWORD length = GetEnvironmentVariableW(L"PATH", path, 32768);
@@ -89,28 +83,28 @@ TEST_F(Installer, InstallRegistersTheClassAndUninstallRestoresRegistryAndFolder)
 {
     ASSERT_TRUE(Exists(Package()));
     ASSERT_FALSE(Exists(kInstallFolder));
-    const Snapshot before = Take();
+    const Lines before = Snapshot();
 
     ASSERT_EQ(0u, Msiexec(L"/i"));
     for (const wchar_t* file : kInstalledFiles)
         EXPECT_TRUE(Exists(kInstallFolder + L"\\" + file)) << file;
-    const std::string server = registry_dump::ReadString(
+    const std::string server = ReadString(
         HKEY_CLASSES_ROOT, "CLSID\\{dccef494-6108-11d3-b23d-00c04f5124bf}\\InprocServer32", nullptr);
     EXPECT_NE(std::string::npos, server.find("Korvo VQ InstanceData\\InstanceData.dll")) << server;
     // FdtEnlist ran: the module is in the FDT module list with its installed path.
-    EXPECT_EQ(server, registry_dump::ReadString(HKEY_LOCAL_MACHINE,
-                                                "Software\\Korvo\\FDT\\Modules\\{DCCEF494-6108-11D3-B23D-00C04F5124BF}",
-                                                "ModulePath"));
-    EXPECT_EQ(std::vector<std::string>{}, Foreign(Difference(before, Take()), InstalledKeys()));
+    EXPECT_EQ(server, ReadString(HKEY_LOCAL_MACHINE, kModuleKeys.back().substr(5), "ModulePath"));
+    // Besides the module's keys, only the product registration of the installer service.
+    std::vector<std::string> installed = kModuleKeys;
+    installed.push_back("HKCR\\Installer");
+    EXPECT_EQ(std::vector<std::string>{}, Changes(before, Snapshot(), installed));
     // A client creates the class by its programmatic identifier and opens a store.
-    const std::wstring store = child_process::ProgramDirectory() + L"testfiles\\installed.stg";
-    EXPECT_EQ(0u, child_process::Run(L"\"" + child_process::ProgramDirectory() + L"RegisteredClient.exe\" \"" + store +
-                                     L"\""));
+    const std::wstring store = ProgramDirectory() + L"testfiles\\installed.stg";
+    EXPECT_EQ(0u, child_process::Run(L"\"" + ProgramDirectory() + L"RegisteredClient.exe\" \"" + store + L"\""));
     DeleteFileW(store.c_str());
 
     ASSERT_EQ(0u, Msiexec(L"/x"));
     EXPECT_FALSE(Exists(kInstallFolder));
-    EXPECT_EQ(std::vector<std::string>{}, Difference(before, Take()));
+    EXPECT_EQ(std::vector<std::string>{}, Changes(before, Snapshot()));
 }
 }  // namespace
 

@@ -2,13 +2,14 @@
 // with the registry API.
 #include <gtest/gtest.h>
 #include "InstanceData/Registrar.h"
-#include "RegistryDump.h"
+#include "RegistrySnapshot.h"
 
-using namespace registry_dump;
+using namespace registry;
 
 namespace
 {
 const std::string kRoot = "Software\\KorvoRegistrarTest";
+const Lines kUntouched = {"", "Existing", R"(Existing|"kept"="yes")"};
 
 // body inside HKCU\Software\KorvoRegistrarTest, which the walks keep.
 std::string InTestKey(const std::string& body)
@@ -52,12 +53,13 @@ TEST_F(RegistrarScript, ValuesOfEveryTypeRoundTripAndUnregisterRemovesThem)
         "\t'Val'\r\n"
         "}";
     ASSERT_EQ(S_OK, Run(body, true));
-    EXPECT_EQ(Sorted({"", "|=S:default text", "|Text=S:It's here", "|Number=D:4294967295", "|Small=D:123",
-                      "|Bytes=B:00ff10ab", "|Empty=B:", "Quoted 'Name'", "Quoted 'Name'|=S:with spaces", "Val"}),
+    EXPECT_EQ((Lines{"", R"(|@="default text")", R"(|"Text"="It's here")", R"(|"Number"=dword:ffffffff)",
+                     R"(|"Small"=dword:0000007b)", R"(|"Bytes"=hex:00,ff,10,ab)", R"(|"Empty"=hex:)", "Quoted 'Name'",
+                     R"(Quoted 'Name'|@="with spaces")", "Val"}),
               Dump(HKEY_CURRENT_USER, Key("Values")));
 
     ASSERT_EQ(S_OK, Run(body, false));
-    EXPECT_EQ(Sorted({"", "Existing", "Existing|kept=S:yes"}), Dump(HKEY_CURRENT_USER, kRoot));
+    EXPECT_EQ(kUntouched, Dump(HKEY_CURRENT_USER, kRoot));
 }
 
 TEST_F(RegistrarScript, ReplacementsIgnoreCaseAndPercentIsDoubled)
@@ -66,7 +68,7 @@ TEST_F(RegistrarScript, ReplacementsIgnoreCaseAndPercentIsDoubled)
     registrar.AddReplacement("Module", "C:\\It''s\\a.dll");
     const std::string script = InTestKey("Rep = s '%MODULE%' { val Lower = s '%module%' val Percent = s '100%%' }");
     ASSERT_EQ(S_OK, registrar.RunScript(script.c_str(), true));
-    EXPECT_EQ(Sorted({"", "|=S:C:\\It's\\a.dll", "|Lower=S:C:\\It's\\a.dll", "|Percent=S:100%"}),
+    EXPECT_EQ((Lines{"", R"(|@="C:\\It's\\a.dll")", R"(|"Lower"="C:\\It's\\a.dll")", R"(|"Percent"="100%")"}),
               Dump(HKEY_CURRENT_USER, Key("Rep")));
 }
 
@@ -85,19 +87,13 @@ TEST_F(RegistrarScript, FailingScriptsLeaveTheRegistryAsItWas)
         {"unknown type letter", InTestKey("A = s 'x' { B { val v = q '1' } }"), DISP_E_EXCEPTION},
         {"binary of odd length", InTestKey("A { B { val v = b '123' } }"), E_FAIL},
         {"key name with backslash", InTestKey("A { 'B\\C' }"), DISP_E_EXCEPTION},
-        {"value without =", InTestKey("A { val v s '1' }"), DISP_E_EXCEPTION},
         {"token too long", InTestKey("A { val v = s '" + std::string(4097, 'x') + "' }"), DISP_E_EXCEPTION},
         {"missing closing brace", InTestKey("A { B { C"), DISP_E_EXCEPTION},
-        {"brace as key name", InTestKey("A { B = s 'x' { } { } }"), DISP_E_EXCEPTION},
-        {"empty key name", InTestKey("A { '' }"), DISP_E_EXCEPTION},
         {"unknown replacement", InTestKey("A = s '%NOWHERE%'"), DISP_E_EXCEPTION},
         {"unterminated replacement", InTestKey("A = s '%MODULE'"), DISP_E_EXCEPTION},
         {"replacement name too long", InTestKey("A = s '%" + longName + "%'"), E_FAIL},
         {"not a root key", "HKXX { }", DISP_E_EXCEPTION},
-        {"quoted brace after root", "HKCU '{' }", DISP_E_EXCEPTION},
-        {"unclosed root block", "HKCU {", DISP_E_EXCEPTION},
     };
-    const std::vector<std::string> before = Dump(HKEY_CURRENT_USER, kRoot);
     for (const auto& c : cases)
     {
         SCOPED_TRACE(c.what);
@@ -105,14 +101,14 @@ TEST_F(RegistrarScript, FailingScriptsLeaveTheRegistryAsItWas)
         registrar.AddReplacement("Module", "m.dll");
         registrar.AddReplacement(longName.c_str(), "never");
         EXPECT_EQ(c.expected, registrar.RunScript(c.script.c_str(), true));
-        EXPECT_EQ(before, Dump(HKEY_CURRENT_USER, kRoot));
+        EXPECT_EQ(kUntouched, Dump(HKEY_CURRENT_USER, kRoot));
     }
 
     // Only the failing block is taken back.
     const std::string twoBlocks = InTestKey("First") + InTestKey("Second { val v = q 'x' }");
     EXPECT_EQ(DISP_E_EXCEPTION, CRegistrar().RunScript(twoBlocks.c_str(), true));
-    EXPECT_TRUE(KeyExists(HKEY_CURRENT_USER, Key("First")));
-    EXPECT_FALSE(KeyExists(HKEY_CURRENT_USER, Key("Second")));
+    EXPECT_EQ(Lines{""}, Dump(HKEY_CURRENT_USER, Key("First")));
+    EXPECT_EQ(Lines{}, Dump(HKEY_CURRENT_USER, Key("Second")));
 }
 
 TEST_F(RegistrarScript, ForceRemoveAndDeleteSpareClsidAndTypeLib)
@@ -123,8 +119,9 @@ TEST_F(RegistrarScript, ForceRemoveAndDeleteSpareClsidAndTypeLib)
     ASSERT_EQ(S_OK, Run("ForceRemove Force { val v = s 'new' } Delete Gone = s 'ignored' After Delete Absent "
                         "forceremove CLSID { val a = s 'b' } Delete typelib",
                         true));
-    EXPECT_EQ(Sorted({"", "Existing", "Existing|kept=S:yes", "Force", "Force|v=S:new", "After", "CLSID", "CLSID|a=S:b",
-                      "CLSID\\Keep", "CLSID\\Keep|old=S:1", "TypeLib", "TypeLib\\Keep", "TypeLib\\Keep|old=S:1"}),
+    EXPECT_EQ((Lines{"", "Existing", R"(Existing|"kept"="yes")", "Force", R"(Force|"v"="new")", "After", "CLSID",
+                     R"(CLSID|"a"="b")", "CLSID\\Keep", R"(CLSID\Keep|"old"="1")", "TypeLib", "TypeLib\\Keep",
+                     R"(TypeLib\Keep|"old"="1")"}),
               Dump(HKEY_CURRENT_USER, kRoot));
 }
 
@@ -138,8 +135,8 @@ TEST_F(RegistrarScript, UnregisterKeepsNoRemoveKeysAndKeysWithForeignSubkeys)
     RegDeleteTreeA(HKEY_CURRENT_USER, Key("Gone").c_str());
 
     ASSERT_EQ(S_OK, Run(body, false));
-    EXPECT_EQ(Sorted({"", "Existing", "Existing|kept=S:yes", "Kept", "Shared", "Shared\\Foreign",
-                      "Shared\\Foreign|=S:theirs"}),
+    EXPECT_EQ((Lines{"", "Existing", R"(Existing|"kept"="yes")", "Kept", "Shared", "Shared\\Foreign",
+                     R"(Shared\Foreign|@="theirs")"}),
               Dump(HKEY_CURRENT_USER, kRoot));
     // Unregistering again finds nothing to do and is no error.
     EXPECT_EQ(S_OK, Run(body, false));

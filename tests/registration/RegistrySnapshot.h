@@ -1,27 +1,195 @@
 #pragma once
-// Snapshots of everything that registering a server may touch: all of
-// HKEY_CLASSES_ROOT but the file types (so HKCR\Interface, HKCR\TypeLib,
-// HKCR\CLSID and the programmatic identifiers, and under Wow6432Node the
-// 32-bit view of them) and the FDT module list. One line per key and per
-// value: "HKCR\<key path>" and "HKCR\<key path>|<value>".
+// The registry as the registration tests read it back (with the registry API,
+// never through the script engine), and the programs they run.
 //
-// The classes root is saved to a file in one call (RegSaveKey) and read back:
-// walking its ten thousand keys one call at a time takes half a minute under
-// Wine. The file is in Wine's registry format; key time stamps are dropped.
+// A branch is saved to a file in one call (RegSaveKey) and read back: walking
+// the ten thousand keys of the classes root one call at a time takes half a
+// minute under Wine. One line per key and per value, in Wine's registry format
+// without time stamps: "Sub\Inner" and "Sub\Inner|"name"="text"" ("" is the
+// branch itself).
+#include <windows.h>
 #include <ole2.h>
-#include <cstdio>
 #include <fstream>
 #include <set>
-#include "RegistryDump.h"
+#include <string>
+#include <tuple>
+#include <vector>
 
-// Runs a program to its end, as an administrator's command line would.
+namespace registry
+{
+using Lines = std::set<std::string>;
+
+// Saving a branch needs the backup privilege of the process token.
+inline bool EnableBackupPrivilege()
+{
+    HANDLE token = nullptr;
+    if (!OpenProcessToken(GetCurrentProcess(), TOKEN_ADJUST_PRIVILEGES | TOKEN_QUERY, &token))
+        return false;
+    TOKEN_PRIVILEGES privileges = {1};
+    privileges.Privileges[0].Attributes = SE_PRIVILEGE_ENABLED;
+    if (LookupPrivilegeValueW(nullptr, L"SeBackupPrivilege", &privileges.Privileges[0].Luid))
+        AdjustTokenPrivileges(token, FALSE, &privileges, 0, nullptr, nullptr);
+    CloseHandle(token);
+    return true;
+}
+
+// Adds the line of key name and, as Wine saves no line for a key that has
+// subkeys but no values, of each key above it.
+inline void AddKey(Lines& lines, const std::string& prefix, std::string name)
+{
+    while (lines.insert(prefix + name).second && !name.empty())
+    {
+        const size_t parent = name.rfind('\\');
+        name.erase(parent == std::string::npos ? 0 : parent);
+    }
+}
+
+// Adds the lines of root\path (none when it does not exist), each after
+// prefix; top-level file types are left out. view: KEY_WOW64_32KEY,
+// KEY_WOW64_64KEY or 0 for the program's own.
+inline void Read(HKEY root, const std::string& path, Lines& lines, const std::string& prefix = "", REGSAM view = 0)
+{
+    static const bool privileged = EnableBackupPrivilege();
+    HKEY key = nullptr;
+    if (!privileged || RegOpenKeyExA(root, path.c_str(), 0, KEY_READ | view, &key) != ERROR_SUCCESS)
+        return;
+    wchar_t directory[MAX_PATH], file[MAX_PATH];
+    GetTempPathW(MAX_PATH, directory);
+    GetTempFileNameW(directory, L"reg", 0, file);
+    DeleteFileW(file);
+    const bool saved = RegSaveKeyW(key, file, nullptr) == ERROR_SUCCESS;
+    RegCloseKey(key);
+    std::ifstream in(file);
+    std::string name, line;
+    bool skip = true;
+    while (saved && std::getline(in, line))
+    {
+        while (!line.empty() && line.back() == '\r')
+            line.pop_back();
+        for (std::string next; !line.empty() && line.back() == '\\' && std::getline(in, next);)
+            line = line.substr(0, line.size() - 1) + next;
+        if (line.empty() || line[0] == ';' || line[0] == '#' || line.compare(0, 4, "WINE") == 0)
+            continue;
+        if (line[0] == '[')
+        {
+            name.clear();
+            for (size_t at = 1; at < line.size() && line[at] != ']'; ++at)
+                name += line[at] == '\\' ? line[++at] : line[at];
+            skip = !name.empty() && name[0] == '.';
+            if (!skip)
+                AddKey(lines, prefix, name);
+        }
+        else if (!skip)
+            lines.insert(prefix + name + "|" + line);
+    }
+    in.close();
+    DeleteFileW(file);
+}
+
+inline Lines Dump(HKEY root, const std::string& path)
+{
+    Lines lines;
+    Read(root, path, lines);
+    return lines;
+}
+
+// The line of a string value of key as Dump shows it; name nullptr: the default value.
+inline std::string StringValue(const std::string& key, const char* name, std::string text)
+{
+    for (size_t at = 0; (at = text.find_first_of("\\\"", at)) != std::string::npos; at += 2)
+        text.insert(at, 1, '\\');
+    return key + "|" + (name ? "\"" + std::string(name) + "\"" : "@") + "=\"" + text + "\"";
+}
+
+// The string value (nullptr: the default value); "" when missing.
+inline std::string ReadString(HKEY root, const std::string& path, const char* name)
+{
+    char value[1024];
+    DWORD size = sizeof value;
+    return RegGetValueA(root, path.c_str(), name, RRF_RT_REG_SZ, nullptr, value, &size) == ERROR_SUCCESS ? value : "";
+}
+
+inline void CreateKey(HKEY root, const char* path)
+{
+    HKEY key = nullptr;
+    if (RegCreateKeyExA(root, path, 0, nullptr, 0, KEY_WRITE, nullptr, &key, nullptr) == ERROR_SUCCESS)
+        RegCloseKey(key);
+}
+
+// Creates the key if needed and sets a string value on it.
+inline void WriteString(HKEY root, const std::string& path, const char* name, const std::string& value)
+{
+    RegSetKeyValueA(root, path.c_str(), name, REG_SZ, value.c_str(), static_cast<DWORD>(value.size() + 1));
+}
+
+// Everything that registering a server may touch: all of the classes root
+// but the file types (with the 32-bit view under Wow6432Node), and the FDT
+// module list in both views.
+inline Lines Snapshot()
+{
+    Lines lines;
+    Read(HKEY_CLASSES_ROOT, "", lines, "HKCR\\");
+    const std::string modules = "Korvo\\FDT\\Modules";
+    Read(HKEY_LOCAL_MACHINE, "Software\\" + modules, lines, "HKLM\\Software\\" + modules + "\\", KEY_WOW64_64KEY);
+    Read(HKEY_LOCAL_MACHINE, "Software\\" + modules, lines, "HKLM\\Software\\Wow6432Node\\" + modules + "\\",
+         KEY_WOW64_32KEY);
+    return lines;
+}
+
+// The module's keys, and the FDT interface keys (the four descriptors) that
+// its library holds while it is registered.
+inline const std::vector<std::string> kModuleKeys = {
+    "HKCR\\CLSID\\{dccef494-6108-11d3-b23d-00c04f5124bf}",
+    "HKCR\\Korvo.VQ.InstanceData.FbInstanceData",
+    "HKCR\\Korvo.VQ.InstanceData.FbInstanceData.1",
+    "HKCR\\TypeLib\\{DCCEF493-6108-11D3-B23D-00C04F5124BF}",
+    "HKCR\\Interface\\{DCCEF495-6108-11D3-B23D-00C04F5124BF}",
+    "HKCR\\Interface\\{9BA5127D-CD5B-11D2-8F74-000000000000}",
+    "HKCR\\Interface\\{AD8D15E9-CCCF-11D2-8F72-000000000000}",
+    "HKCR\\Interface\\{65147D93-CD50-11D2-8F73-000000000000}",
+    "HKCR\\Interface\\{9BA5126C-CD5B-11D2-8F74-000000000000}",
+    "HKLM\\Software\\Korvo\\FDT\\Modules\\{DCCEF494-6108-11D3-B23D-00C04F5124BF}",
+};
+
+// Whether line lies in key or below it, in either view (names compare without case).
+inline bool IsUnder(std::string line, std::string key)
+{
+    CharLowerBuffA(&line[0], static_cast<DWORD>(line.size()));
+    CharLowerBuffA(&key[0], static_cast<DWORD>(key.size()));
+    const size_t wow = line.find("\\wow6432node\\");
+    if (wow != std::string::npos)
+        line.erase(wow, 12);
+    return line.compare(0, key.size(), key) == 0 &&
+           (line.size() == key.size() || line[key.size()] == '\\' || line[key.size()] == '|');
+}
+
+// Lines only in before ("- ") or only in after ("+ ") that lie under none of keys.
+inline std::vector<std::string> Changes(const Lines& before, const Lines& after,
+                                        const std::vector<std::string>& keys = {})
+{
+    std::vector<std::string> changes;
+    for (const auto& [from, to, sign] :
+         {std::make_tuple(&before, &after, "- "), std::make_tuple(&after, &before, "+ ")})
+        for (const std::string& line : *from)
+        {
+            bool owned = false;
+            for (const std::string& key : keys)
+                owned = owned || IsUnder(line, key);
+            if (!to->count(line) && !owned)
+                changes.push_back(sign + line);
+        }
+    return changes;
+}
+}  // namespace registry
+
+// Programs run to their end, as an administrator's command line runs them.
 namespace child_process
 {
 constexpr DWORD kNotFinished = 0xFFFFFFFF;
 
 // The exit code of the command line run in directory (nullptr: this one);
-// kNotFinished when it could not start or did not end within timeoutMs.
-inline DWORD Run(std::wstring commandLine, const wchar_t* directory = nullptr, DWORD timeoutMs = 120000)
+// kNotFinished when it could not start or did not end within two minutes.
+inline DWORD Run(std::wstring commandLine, const wchar_t* directory = nullptr)
 {
     STARTUPINFOW startup = {sizeof startup};
     PROCESS_INFORMATION process = {};
@@ -29,7 +197,7 @@ inline DWORD Run(std::wstring commandLine, const wchar_t* directory = nullptr, D
         return kNotFinished;
     CloseHandle(process.hThread);
     DWORD exitCode = kNotFinished;
-    if (WaitForSingleObject(process.hProcess, timeoutMs) == WAIT_OBJECT_0)
+    if (WaitForSingleObject(process.hProcess, 120000) == WAIT_OBJECT_0)
         GetExitCodeProcess(process.hProcess, &exitCode);
     else
         TerminateProcess(process.hProcess, kNotFinished);
@@ -48,155 +216,18 @@ inline std::wstring SystemProgram(const wchar_t* name)
 inline std::wstring ProgramDirectory()
 {
     wchar_t path[MAX_PATH];
-    const DWORD length = GetModuleFileNameW(nullptr, path, MAX_PATH);
-    const std::wstring program(path, length);
+    const std::wstring program(path, GetModuleFileNameW(nullptr, path, MAX_PATH));
     return program.substr(0, program.find_last_of(L"\\/") + 1);
-}
-}  // namespace child_process
-
-
-namespace registry_snapshot
-{
-using Snapshot = std::set<std::string>;
-
-inline bool EqualNoCase(const std::string& a, const std::string& b)
-{
-    return a.size() == b.size() && CompareStringA(LOCALE_INVARIANT, NORM_IGNORECASE, a.data(), static_cast<int>(a.size()),
-                                                  b.data(), static_cast<int>(b.size())) == CSTR_EQUAL;
-}
-
-// Whether line lies in key or below it, in either registry view (key names
-// compare without case).
-inline bool IsUnder(std::string path, const std::string& key)
-{
-    std::string lower = path;
-    CharLowerBuffA(&lower[0], static_cast<DWORD>(lower.size()));
-    const size_t wow = lower.find("\\wow6432node\\");
-    if (wow != std::string::npos)
-        path.erase(wow, 12);
-    if (path.size() < key.size() || !EqualNoCase(path.substr(0, key.size()), key))
-        return false;
-    return path.size() == key.size() || path[key.size()] == '\\' || path[key.size()] == '|';
-}
-
-// Key "[a\\\\b] 1234" and value lines of a saved branch, as "<prefix><a\b>" and
-// "<prefix><a\b>|<value>"; top-level file types are left out.
-inline void ReadSavedBranch(const std::wstring& file, const std::string& prefix, Snapshot& snapshot)
-{
-    std::ifstream in(file.c_str());
-    std::string key, line;
-    bool skip = true;
-    while (std::getline(in, line))
-    {
-        while (!line.empty() && line.back() == '\r')
-            line.pop_back();
-        for (std::string next; !line.empty() && line.back() == '\\' && std::getline(in, next);)
-            line = line.substr(0, line.size() - 1) + next;
-        if (line.empty() || line[0] == ';' || line[0] == '#' || line.compare(0, 4, "WINE") == 0)
-            continue;
-        if (line[0] == '[')
-        {
-            key.clear();
-            for (size_t at = 1; at < line.size() && line[at] != ']'; ++at)
-                key += line[at] == '\\' ? line[++at] : line[at];
-            skip = key.empty() || key[0] == '.';
-            if (!skip)
-                snapshot.insert(prefix + key);
-        }
-        else if (!skip)
-            snapshot.insert(prefix + key + "|" + line);
-    }
-}
-
-// Saving a branch needs the backup privilege of the process token.
-inline void EnableBackupPrivilege()
-{
-    HANDLE token = nullptr;
-    if (!OpenProcessToken(GetCurrentProcess(), TOKEN_ADJUST_PRIVILEGES | TOKEN_QUERY, &token))
-        return;
-    TOKEN_PRIVILEGES privileges = {1};
-    privileges.Privileges[0].Attributes = SE_PRIVILEGE_ENABLED;
-    if (LookupPrivilegeValueW(nullptr, L"SeBackupPrivilege", &privileges.Privileges[0].Luid))
-        AdjustTokenPrivileges(token, FALSE, &privileges, 0, nullptr, nullptr);
-    CloseHandle(token);
-}
-
-inline Snapshot Take()
-{
-    EnableBackupPrivilege();
-    Snapshot snapshot;
-    wchar_t directory[MAX_PATH], file[MAX_PATH];
-    GetTempPathW(MAX_PATH, directory);
-    GetTempFileNameW(directory, L"reg", 0, file);
-    DeleteFileW(file);
-    if (RegSaveKeyW(HKEY_CLASSES_ROOT, file, nullptr) == ERROR_SUCCESS)
-        ReadSavedBranch(file, "HKCR\\", snapshot);
-    DeleteFileW(file);
-    const std::string modules = "Korvo\\FDT\\Modules";
-    for (const REGSAM view : {KEY_WOW64_64KEY, KEY_WOW64_32KEY})
-        for (const std::string& line : registry_dump::Dump(HKEY_LOCAL_MACHINE, "Software\\" + modules, view))
-            snapshot.insert((view == KEY_WOW64_32KEY ? "HKLM\\Software\\Wow6432Node\\" : "HKLM\\Software\\") +
-                            modules + (line.empty() || line[0] == '|' ? "" : "\\") + line);
-    return snapshot;
 }
 
 // What the FDT installation registers from its folder before any module
 // enlists: the module list, the interface library and the registration component.
 inline void RegisterFdtStandIns(const std::wstring& folder)
 {
-    RegCloseKey(registry_dump::CreateKey(HKEY_LOCAL_MACHINE, "Software\\Korvo\\FDT\\Modules"));
+    registry::CreateKey(HKEY_LOCAL_MACHINE, "Software\\Korvo\\FDT\\Modules");
     ITypeLib* library = nullptr;
     if (SUCCEEDED(LoadTypeLibEx((folder + L"FdtInterfaces.tlb").c_str(), REGKIND_REGISTER, &library)))
         library->Release();
-    child_process::Run(child_process::SystemProgram(L"regsvr32.exe") + L" /s \"" + folder + L"FdtRegisterComp.dll\"");
+    Run(SystemProgram(L"regsvr32.exe") + L" /s \"" + folder + L"FdtRegisterComp.dll\"");
 }
-
-// The module's keys, and the FDT interface keys (the four descriptors) that
-// its library holds while it is registered.
-inline const std::vector<std::string> kModuleKeys = {
-    "HKCR\\CLSID\\{dccef494-6108-11d3-b23d-00c04f5124bf}",
-    "HKCR\\Korvo.VQ.InstanceData.FbInstanceData",
-    "HKCR\\Korvo.VQ.InstanceData.FbInstanceData.1",
-    "HKCR\\TypeLib\\{DCCEF493-6108-11D3-B23D-00C04F5124BF}",
-    "HKCR\\Interface\\{DCCEF495-6108-11D3-B23D-00C04F5124BF}",
-    "HKCR\\Interface\\{9BA5127D-CD5B-11D2-8F74-000000000000}",
-    "HKCR\\Interface\\{AD8D15E9-CCCF-11D2-8F72-000000000000}",
-    "HKCR\\Interface\\{65147D93-CD50-11D2-8F73-000000000000}",
-    "HKCR\\Interface\\{9BA5126C-CD5B-11D2-8F74-000000000000}",
-    "HKLM\\Software\\Korvo\\FDT\\Modules\\{DCCEF494-6108-11D3-B23D-00C04F5124BF}",
-};
-
-// Lines only in before ("-") or only in after ("+").
-inline std::vector<std::string> Difference(const Snapshot& before, const Snapshot& after)
-{
-    std::vector<std::string> lines;
-    for (const std::string& line : before)
-        if (!after.count(line))
-            lines.push_back("- " + line);
-    for (const std::string& line : after)
-        if (!before.count(line))
-            lines.push_back("+ " + line);
-    return lines;
-}
-
-// The lines of the difference that lie under none of the keys.
-inline std::vector<std::string> Foreign(const std::vector<std::string>& difference, const std::vector<std::string>& keys)
-{
-    std::vector<std::string> foreign;
-    for (const std::string& line : difference)
-    {
-        bool owned = false;
-        for (const std::string& key : keys)
-            owned = owned || IsUnder(line.substr(2), key);
-        if (!owned)
-            foreign.push_back(line);
-    }
-    return foreign;
-}
-
-// The default value of HKCR\Interface\<iid>\TypeLib in the program's own view; "" when missing.
-inline std::string InterfaceLibrary(const std::string& iid)
-{
-    return registry_dump::ReadString(HKEY_CLASSES_ROOT, "Interface\\" + iid + "\\TypeLib", nullptr);
-}
-}  // namespace registry_snapshot
+}  // namespace child_process

@@ -1,36 +1,25 @@
 // InstanceDataTool.exe run as a user runs it: one table of cases per command.
 // Store files come from the demo frame and from importing every_type.json.
-#include <gtest/gtest.h>
-#include <windows.h>
-#include <ole2.h>
 #include <fstream>
 #include <functional>
 #include <sstream>
 #include <string>
 #include <nlohmann/json.hpp>
 #include "DamagedCopies.h"
+#include "TestSupport.h"
 
 using Json = nlohmann::ordered_json;
-using Bytes = std::string;
+using Text = std::string;
 
 namespace
 {
-std::wstring Directory()
-{
-    wchar_t path[MAX_PATH];
-    const std::wstring full(path, GetModuleFileNameW(nullptr, path, MAX_PATH));
-    return full.substr(0, full.find_last_of(L"\\/") + 1);
-}
-
-// Each file of this program under testfiles\tool.
+// Each file of this program under testfiles, named after the test.
 std::wstring File(const std::wstring& name)
 {
-    const std::wstring folder = Directory() + L"testfiles\\tool\\";
-    CreateDirectoryW(folder.c_str(), nullptr);
-    return folder + name;
+    return TestFilesDirectory() + TestName() + L"-" + name;
 }
 
-Bytes Contents(const std::wstring& path)
+Text Contents(const std::wstring& path)
 {
     std::ifstream in(path.c_str(), std::ios::binary);
     std::stringstream all;
@@ -54,9 +43,9 @@ Outcome Start(const std::wstring& program, const std::wstring& arguments)
     startup.dwFlags = STARTF_USESTDHANDLES;
     startup.hStdOutput = startup.hStdError = out;
     PROCESS_INFORMATION process = {};
-    std::wstring line = L"\"" + Directory() + program + L"\" " + arguments;
-    const BOOL started = CreateProcessW(nullptr, &line[0], nullptr, nullptr, TRUE, 0, nullptr, Directory().c_str(),
-                                        &startup, &process);
+    std::wstring line = L"\"" + ProgramDirectory() + program + L"\" " + arguments;
+    const BOOL started =
+        CreateProcessW(nullptr, &line[0], nullptr, nullptr, TRUE, 0, nullptr, nullptr, &startup, &process);
     CloseHandle(out);
     Outcome run = {~0UL, ""};
     if (started)
@@ -85,7 +74,7 @@ std::wstring Store(const std::wstring& name, bool demo)
     const std::wstring path = File(name);
     DeleteFileW(path.c_str());
     const Outcome made = demo ? Start(L"DemoFrame.exe", Quote(path))
-                          : Tool(L"import " + Quote(Directory() + L"every_type.json") + L" " + Quote(path));
+                          : Tool(L"import " + Quote(ProgramDirectory() + L"every_type.json") + L" " + Quote(path));
     EXPECT_EQ(0u, made.code) << made.out;
     return path;
 }
@@ -99,19 +88,19 @@ Json Exported(const std::wstring& store, const std::wstring& name)
 }
 
 // Changes the first occurrence of a UTF-16 text in the bytes.
-std::function<void(Bytes&)> Rename(const std::wstring& from, const std::wstring& to)
+std::function<void(Text&)> Rename(const std::wstring& from, const std::wstring& to)
 {
-    return [=](Bytes& bytes) {
-        const Bytes wideFrom(reinterpret_cast<const char*>(from.data()), from.size() * 2);
+    return [=](Text& bytes) {
+        const Text wideFrom(reinterpret_cast<const char*>(from.data()), from.size() * 2);
         const size_t at = bytes.find(wideFrom);
-        ASSERT_NE(Bytes::npos, at);
+        ASSERT_NE(Text::npos, at);
         bytes.replace(at, wideFrom.size(), reinterpret_cast<const char*>(to.data()), to.size() * 2);
     };
 }
 
-std::function<void(Bytes&)> SetDword(size_t offset, DWORD value)
+std::function<void(Text&)> SetDword(size_t offset, DWORD value)
 {
-    return [=](Bytes& bytes) { std::memcpy(&bytes[offset], &value, sizeof value); };
+    return [=](Text& bytes) { std::memcpy(&bytes[offset], &value, sizeof value); };
 }
 
 TEST(ToolImport, RoundTripsGiveTheSameJson)
@@ -132,7 +121,7 @@ TEST(ToolImport, RoundTripsGiveTheSameJson)
         EXPECT_EQ(exported.dump(), Exported(second, L"again.json").dump());
         if (!c.demo)
         {
-            EXPECT_EQ(Json::parse(Contents(Directory() + L"every_type.json")).dump(), exported.dump());
+            EXPECT_EQ(Json::parse(Contents(ProgramDirectory() + L"every_type.json")).dump(), exported.dump());
         }
     }
 }
@@ -174,21 +163,21 @@ TEST(ToolCheck, FindsEachKindOfDamage)
     const struct
     {
         const wchar_t* stream;
-        std::function<void(Bytes&)> change;
+        std::function<void(Text&)> change;
         const char* finding;   // nullptr: the file as the module wrote it
     } cases[] = {
         {nullptr, nullptr, nullptr},
         {L"admin", SetDword(4, 4), "next instance number 4 is not above instance 4"},
         {L"4/map", SetDword(4, 7), "next stream number 7 is not above stream 7"},
         {L"4/7", nullptr, "parameter \"Both\": map entry without stream 7"},
-        {L"4/9", [](Bytes& b) { b = "x"; }, "instance 4: stream 9 without map entry"},
+        {L"4/9", [](Text& b) { b = "x"; }, "instance 4: stream 9 without map entry"},
         {L"4/dtm", SetDword(0, 2), "stream \"dtm\" has another version than 1"},
         {L"2/0", SetDword(4, 1), "parameter \"Fixed\" (stream 0) is not a parameter stream"},
         {L"2/1", Rename(L"Short", L"Shirt"), "holds the name \"Shirt\""},
         {L"2/3", Rename(L"Short", L"Sport"), "member \"Sport\" is not a parameter"},
         {L"4/instance", Rename(L"2", L"3"), "super instance 3 does not exist"},
         {L"2/instance", Rename(L"Channel1", L"Channel2"), "sub-instance 4 does not name it as super instance"},
-        {L"4/map", [](Bytes& b) { b.resize(10); }, "stream \"map\" ends within its record"},
+        {L"4/map", [](Text& b) { b.resize(10); }, "stream \"map\" ends within its record"},
     };
     for (const auto& c : cases)
     {
@@ -209,7 +198,7 @@ TEST(ToolDump, ExitCodesAndTheFileUnchanged)
 {
     const std::wstring good = Store(L"dump.stg", false);
     const std::wstring damaged = Store(L"dump-damaged.stg", false);
-    ASSERT_HRESULT_SUCCEEDED(damaged_copies::ChangeStream(damaged.c_str(), L"2/dtm", [](Bytes& b) { b.resize(7); }));
+    ASSERT_HRESULT_SUCCEEDED(damaged_copies::ChangeStream(damaged.c_str(), L"2/dtm", [](Text& b) { b.resize(7); }));
     const std::wstring text = File(L"not-a-store.stg");
     std::ofstream(text.c_str()) << "plain text";
     const std::wstring out = Quote(File(L"dump-out.json"));
@@ -234,7 +223,7 @@ TEST(ToolDump, ExitCodesAndTheFileUnchanged)
     };
     for (const auto& c : cases)
     {
-        const Bytes before = Contents(*c.file);
+        const Text before = Contents(*c.file);
         const Outcome run = Tool(c.command + L" " + Quote(*c.file) + (c.command == L"export" ? L" " + out : L""));
         EXPECT_EQ(c.code, run.code) << run.out;
         EXPECT_NE(std::string::npos, run.out.find(c.shown)) << run.out;
@@ -242,13 +231,12 @@ TEST(ToolDump, ExitCodesAndTheFileUnchanged)
     }
     // Every kind of damage of the data-safety generator: one of the exit codes
     // (never a crash), and the copy as it was.
-    CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED);
     const std::wstring copy = File(L"copy.stg");
     for (unsigned seed = 0; seed < damaged_copies::DamageKindCount(); ++seed)
     {
         std::string description;
         ASSERT_HRESULT_SUCCEEDED(damaged_copies::MakeDamagedCopy(good.c_str(), copy.c_str(), seed, description));
-        const Bytes before = Contents(copy);
+        const Text before = Contents(copy);
         for (const wchar_t* command : {L"dump ", L"check "})
         {
             const Outcome run = Tool(command + Quote(copy));
@@ -256,7 +244,6 @@ TEST(ToolDump, ExitCodesAndTheFileUnchanged)
             EXPECT_EQ(before, Contents(copy)) << description;
         }
     }
-    CoUninitialize();
     EXPECT_EQ(0u, Tool(L"--help").code);
     EXPECT_NE(std::string::npos, Tool(L"import --help").out.find("usage: InstanceDataTool.exe import IN.json FILE"));
 }
