@@ -350,4 +350,18 @@ HRESULT MakeDamagedCopy(const wchar_t* source, const wchar_t* target, unsigned s
     copy.root.Reset();
     return SUCCEEDED(hr) && copy.truncate ? Truncate(target, copy, description) : hr;
 }
+
+HRESULT ChangeStream(const wchar_t* file, const std::wstring& path, const std::function<void(Bytes&)>& change)
+{
+    Copy copy;
+    const size_t slash = path.rfind(L'/');
+    const Element stream{slash == std::wstring::npos ? L"" : path.substr(0, slash), path.substr(slash + 1), kNothing};
+    HRESULT hr = StgOpenStorage(file, nullptr, STGM_TRANSACTED | kMode, nullptr, 0, &copy.root);
+    Bytes bytes = SUCCEEDED(hr) ? copy.Read(stream) : Bytes();
+    if (SUCCEEDED(hr) && change)
+        change(bytes);
+    if (SUCCEEDED(hr))
+        hr = copy.Put(stream, change ? DWORD(STGTY_STREAM) : kNothing, bytes);
+    return SUCCEEDED(hr) ? copy.root->Commit(STGC_DEFAULT) : hr;
+}
 }  // namespace damaged_copies

@@ -6,6 +6,7 @@
 // through many variants and any one of them can be made again.
 // Needs COM initialised on the calling thread; links ole32 only.
 #include <windows.h>
+#include <functional>
 #include <string>
 
 namespace damaged_copies
@@ -16,4 +17,8 @@ size_t DamageKindCount();
 // what was done ("bit flips: 2/map 5.3"). A kind that finds nothing to damage
 // falls back to a bit flip. Fails only when the copy cannot be made.
 HRESULT MakeDamagedCopy(const wchar_t* source, const wchar_t* target, unsigned seed, std::string& description);
+
+// Lets change rewrite the bytes of the stream at path ("admin", "1/map") of a
+// file nobody holds (a missing stream starts empty); a null change destroys it.
+HRESULT ChangeStream(const wchar_t* file, const std::wstring& path, const std::function<void(std::string&)>& change);
 }  // namespace damaged_copies

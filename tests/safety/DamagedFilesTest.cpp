@@ -18,13 +18,6 @@ unsigned Setting(const char* name, unsigned fallback)
     return text && *text ? static_cast<unsigned>(strtoul(text, nullptr, 10)) : fallback;
 }
 
-HRESULT WithNames(IFbInstanceData* store, HRESULT (STDMETHODCALLTYPE IFbInstanceData::*call)(IFdtContext*, BSTR, SAFEARRAY**),
-                  const wchar_t* id, const wchar_t* name)
-{
-    Array names{MakeBstrArray({name})};
-    return (store->*call)(nullptr, B(id), &names.p);
-}
-
 // One writing operation, the instances it works on and what it removes there
 // (null: nothing, "": the whole instance).
 struct Operation
@@ -52,8 +45,10 @@ const Operation kOperations[] = {
      }},
     {"DefineGroup", {"1"}, nullptr, [](IFbInstanceData* s) { return GroupIn(s, L"1", L"gnew", 9, {L"i4", L"date"}); }},
     // Protect and Release take the same path as Lock and Unlock.
-    {"LockParameter", {"2"}, nullptr, [](IFbInstanceData* s) { return WithNames(s, &IFbInstanceData::LockParameter, L"2", L"x"); }},
-    {"UnlockParameter", {"1"}, nullptr, [](IFbInstanceData* s) { return WithNames(s, &IFbInstanceData::UnlockParameter, L"1", L"i4"); }},
+    {"LockParameter", {"2"}, nullptr,
+     [](IFbInstanceData* s) { Array n{MakeBstrArray({L"x"})}; return s->LockParameter(nullptr, B(L"2"), &n.p); }},
+    {"UnlockParameter", {"1"}, nullptr,
+     [](IFbInstanceData* s) { Array n{MakeBstrArray({L"i4"})}; return s->UnlockParameter(nullptr, B(L"1"), &n.p); }},
     {"LockInstance", {"2"}, nullptr, [](IFbInstanceData* s) { return s->LockInstance(nullptr, B(L"2")); }},
     {"UnlockInstance", {"3"}, nullptr, [](IFbInstanceData* s) { return s->UnlockInstance(nullptr, B(L"3")); }},
     {"AddInstanceDataReference", {"2", "3"}, nullptr,

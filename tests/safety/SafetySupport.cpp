@@ -129,16 +129,16 @@ std::string Hex(HRESULT hr)
 bool KnownResult(HRESULT hr)
 {
     static const HRESULT known[] = {
-        S_OK, S_FALSE, E_FAIL, E_INVALIDARG, E_POINTER, E_UNEXPECTED, E_OUTOFMEMORY, E_NOINTERFACE,
-        DISP_E_TYPEMISMATCH, DISP_E_OVERFLOW, DISP_E_BADVARTYPE,
+        S_OK, S_FALSE, E_FAIL, E_INVALIDARG, E_POINTER, E_UNEXPECTED, E_OUTOFMEMORY, E_NOINTERFACE, DISP_E_TYPEMISMATCH,
+        DISP_E_OVERFLOW, DISP_E_BADVARTYPE,
         // The store's own results.
         static_cast<HRESULT>(0x80043004), static_cast<HRESULT>(0x80043005), static_cast<HRESULT>(0x80043006),
         static_cast<HRESULT>(0x80043007), static_cast<HRESULT>(0x80043008),
         // The compound file's.
         STG_E_FILENOTFOUND, STG_E_PATHNOTFOUND, STG_E_ACCESSDENIED, STG_E_INVALIDNAME, STG_E_FILEALREADYEXISTS,
         STG_E_DOCFILECORRUPT, STG_E_READFAULT, STG_E_WRITEFAULT, STG_E_INVALIDHEADER, STG_E_REVERTED,
-        STG_E_INVALIDFUNCTION, STG_E_SHAREVIOLATION, STG_E_LOCKVIOLATION, STG_E_INSUFFICIENTMEMORY,
-        STG_E_MEDIUMFULL, STG_E_INVALIDPARAMETER, STG_E_SEEKERROR, STG_E_INVALIDPOINTER, STG_E_UNKNOWN};
+        STG_E_INVALIDFUNCTION, STG_E_SHAREVIOLATION, STG_E_LOCKVIOLATION, STG_E_INSUFFICIENTMEMORY, STG_E_MEDIUMFULL,
+        STG_E_INVALIDPARAMETER, STG_E_SEEKERROR, STG_E_INVALIDPOINTER, STG_E_UNKNOWN};
     return std::find(std::begin(known), std::end(known), hr) != std::end(known);
 }
 
@@ -153,24 +153,17 @@ Snapshot Take(IFbInstanceData* store)
     return shot;
 }
 
-HRESULT CreateIn(IFbInstanceData* store, _bstr_t* id)
+HRESULT CreateIn(IFbInstanceData* store, _bstr_t* id, const wchar_t* node)
 {
+    ComPtr<TestDtmDescriptor> dtm = new TestDtmDescriptor;
+    ComPtr<TestCommDescriptor> comm = new TestCommDescriptor;
+    if (node)
+    {
+        dtm->device = L"device";
+        dtm->node = comm->name = node;
+    }
     _bstr_t made;
-    return store->Create(nullptr, ComPtr<TestDtmDescriptor>(new TestDtmDescriptor).Get(),
-                         ComPtr<TestCommDescriptor>(new TestCommDescriptor).Get(), (id ? id : &made)->GetAddress());
-}
-
-HRESULT DefineIn(IFbInstanceData* store, const wchar_t* id, const wchar_t* name, const _variant_t& value,
-                 const _variant_t& defaultValue)
-{
-    ComPtr<TestParameter> parameter = new TestParameter(name, value, defaultValue);
-    return store->WriteParameterInfo(nullptr, B(id), parameter.Get());
-}
-
-HRESULT GroupIn(IFbInstanceData* store, const wchar_t* id, const wchar_t* name, BYTE groupId, const Names& members)
-{
-    Array list{MakeBstrArray(members)};
-    return store->DefineGroup(nullptr, B(id), B(name), groupId, &list.p);
+    return store->Create(nullptr, dtm.Get(), comm.Get(), (id ? id : &made)->GetAddress());
 }
 
 _variant_t NullValue()
@@ -193,14 +186,7 @@ const std::wstring& ModelFile()
     EXPECT_EQ(S_OK, store.As(&manager));
     EXPECT_EQ(S_OK, manager->OpenStorage(B(path.c_str()), &root));
     for (const wchar_t* node : {L"north", L"south", L"east"})
-    {
-        ComPtr<TestDtmDescriptor> dtm = new TestDtmDescriptor;
-        ComPtr<TestCommDescriptor> comm = new TestCommDescriptor;
-        dtm->device = L"device";
-        dtm->node = comm->name = node;
-        _bstr_t id;
-        EXPECT_EQ(S_OK, store->Create(nullptr, dtm.Get(), comm.Get(), id.GetAddress()));
-    }
+        EXPECT_EQ(S_OK, CreateIn(store.Get(), nullptr, node));
     FONTDESC font = {sizeof font, const_cast<LPOLESTR>(L"Courier New"), {{135000, 0}}, 700, ANSI_CHARSET, 0, 0, 0};
     ComPtr<IDispatch> object;
     EXPECT_EQ(S_OK, OleCreateFontIndirect(&font, IID_PPV_ARGS(&object)));

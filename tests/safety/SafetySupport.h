@@ -33,11 +33,19 @@ Snapshot Take(IFbInstanceData* store);
 // interface and committed.
 const std::wstring& ModelFile();
 
-// The store's writers with the test's own objects.
-HRESULT CreateIn(IFbInstanceData* store, _bstr_t* id = nullptr);
-HRESULT DefineIn(IFbInstanceData* store, const wchar_t* id, const wchar_t* name, const _variant_t& value,
-                 const _variant_t& defaultValue = _variant_t());
-HRESULT GroupIn(IFbInstanceData* store, const wchar_t* id, const wchar_t* name, BYTE groupId, const Names& members);
+// The store's writers with the test's own objects; Create with descriptors of node when given.
+HRESULT CreateIn(IFbInstanceData* store, _bstr_t* id = nullptr, const wchar_t* node = nullptr);
+inline HRESULT DefineIn(IFbInstanceData* store, const wchar_t* id, const wchar_t* name, const _variant_t& value,
+                        const _variant_t& defaultValue = _variant_t())
+{
+    ComPtr<TestParameter> parameter = new TestParameter(name, value, defaultValue);
+    return store->WriteParameterInfo(nullptr, B(id), parameter.Get());
+}
+inline HRESULT GroupIn(IFbInstanceData* store, const wchar_t* id, const wchar_t* name, BYTE groupId, const Names& members)
+{
+    Array list{MakeBstrArray(members)};
+    return store->DefineGroup(nullptr, B(id), B(name), groupId, &list.p);
+}
 _variant_t NullValue();
 }  // namespace safety
 

@@ -5,7 +5,6 @@
 #include <fstream>
 #include <functional>
 #include <set>
-#include <sstream>
 #include "SafetySupport.h"
 
 namespace
@@ -190,9 +189,7 @@ TEST_F(Situations, UnreadableFileIsKeptAside)
     } rows[] = {{false, false, L".unreadable"}, {true, false, L".unreadable.1"}, {false, true, nullptr}};
     const auto contentOf = [](const std::wstring& path) {
         std::ifstream in(path.c_str(), std::ios::binary);
-        std::stringstream all;
-        all << in.rdbuf();
-        return in ? all.str() : "<none>";
+        return in ? std::string(std::istreambuf_iterator<char>(in), {}) : "<none>";
     };
     for (const auto& row : rows)
     {
@@ -223,57 +220,46 @@ TEST_F(Situations, UnreadableFileIsKeptAside)
 
 namespace
 {
-// The k-th allocation of the module from now on fails once: malloc (the C++
-// allocator's) or a BSTR allocator, whose import slots point at counting
-// functions while a FailingAllocation lives.
+// Allocations of the module that fail on request: malloc (the C++
+// allocator's) and the BSTR allocators, through its import slots.
 LONG g_countdown = 0;
-void* (*g_malloc)(size_t);
-BSTR(WINAPI* g_allocLen)(const OLECHAR*, UINT);
-BSTR(WINAPI* g_alloc)(const OLECHAR*);
+template <class Function>
+Function Export(const wchar_t* dll, const char* name)
+{
+    return reinterpret_cast<Function>(reinterpret_cast<void*>(GetProcAddress(GetModuleHandleW(dll), name)));
+}
+const auto g_malloc = Export<void* (*)(size_t)>(L"msvcrt.dll", "malloc");
+const auto g_allocLen = Export<BSTR(WINAPI*)(const OLECHAR*, UINT)>(L"oleaut32.dll", "SysAllocStringLen");
+const auto g_alloc = Export<BSTR(WINAPI*)(const OLECHAR*)>(L"oleaut32.dll", "SysAllocString");
 bool Fail() { return g_countdown > 0 && --g_countdown == 0; }
 void* FailingMalloc(size_t size) { return Fail() ? nullptr : g_malloc(size); }
 BSTR WINAPI FailingAllocLen(const OLECHAR* text, UINT length) { return Fail() ? nullptr : g_allocLen(text, length); }
 BSTR WINAPI FailingAlloc(const OLECHAR* text) { return Fail() ? nullptr : g_alloc(text); }
 
-// Points the module's import slot of dll!name at function; real keeps the first value found.
+// Points the module's import slot of real at counting, or back.
 template <class Function>
-void Bend(const char* dll, const char* name, Function function, Function& real)
+void Bend(Function real, Function counting, bool failing)
 {
     BYTE* base = reinterpret_cast<BYTE*>(ServerModule::Handle());
     auto nt = reinterpret_cast<IMAGE_NT_HEADERS*>(base + reinterpret_cast<IMAGE_DOS_HEADER*>(base)->e_lfanew);
-    auto import = reinterpret_cast<IMAGE_IMPORT_DESCRIPTOR*>(
-        base + nt->OptionalHeader.DataDirectory[IMAGE_DIRECTORY_ENTRY_IMPORT].VirtualAddress);
-    for (; import->Name; ++import)
-    {
-        auto names = reinterpret_cast<IMAGE_THUNK_DATA*>(base + import->OriginalFirstThunk);
-        auto slots = reinterpret_cast<IMAGE_THUNK_DATA*>(base + import->FirstThunk);
-        for (; !_stricmp(reinterpret_cast<char*>(base + import->Name), dll) && names->u1.AddressOfData; ++names, ++slots)
-            if (!IMAGE_SNAP_BY_ORDINAL(names->u1.Ordinal) &&
-                !strcmp(reinterpret_cast<IMAGE_IMPORT_BY_NAME*>(base + names->u1.AddressOfData)->Name, name))
-            {
-                DWORD protection = 0;
-                VirtualProtect(&slots->u1.Function, sizeof(void*), PAGE_READWRITE, &protection);
-                real = real ? real : reinterpret_cast<Function>(slots->u1.Function);
-                slots->u1.Function = reinterpret_cast<ULONG_PTR>(function);
-                VirtualProtect(&slots->u1.Function, sizeof(void*), protection, &protection);
-                return;
-            }
-    }
-    ADD_FAILURE() << "the module imports no " << name;
+    const IMAGE_DATA_DIRECTORY& table = nt->OptionalHeader.DataDirectory[IMAGE_DIRECTORY_ENTRY_IAT];
+    Function *first = reinterpret_cast<Function*>(base + table.VirtualAddress), *last = first + table.Size / sizeof real;
+    Function* slot = std::find(first, last, failing ? real : counting);
+    DWORD protection = 0;
+    ASSERT_NE(last, slot) << "the module does not import that allocator";
+    VirtualProtect(slot, sizeof *slot, PAGE_READWRITE, &protection);
+    *slot = failing ? counting : real;
+    VirtualProtect(slot, sizeof *slot, protection, &protection);
 }
 
-void BendAllocators(bool failing)
+// From now on the module's k-th allocation fails once; none for 0.
+void FailAllocation(LONG k)
 {
-    Bend("msvcrt.dll", "malloc", failing ? &FailingMalloc : g_malloc, g_malloc);
-    Bend("oleaut32.dll", "SysAllocStringLen", failing ? &FailingAllocLen : g_allocLen, g_allocLen);
-    Bend("oleaut32.dll", "SysAllocString", failing ? &FailingAlloc : g_alloc, g_alloc);
+    g_countdown = k;
+    Bend(g_malloc, &FailingMalloc, k > 0);
+    Bend(g_allocLen, &FailingAllocLen, k > 0);
+    Bend(g_alloc, &FailingAlloc, k > 0);
 }
-
-struct FailingAllocation
-{
-    explicit FailingAllocation(LONG k) { BendAllocators(true), g_countdown = k; }
-    ~FailingAllocation() { g_countdown = 0, BendAllocators(false); }
-};
 }  // namespace
 
 // An allocation that fails at any point of an operation leaves no state
@@ -298,7 +284,8 @@ TEST_F(Situations, FailedAllocationLeavesNoHalfState)
     for (const auto& row : rows)
     {
         bool reached = true;
-        for (LONG k = 1; reached && k < 1000; ++k)
+        LONG k = 1;
+        for (; reached && k < 1000; ++k)
         {
             SCOPED_TRACE(std::string(row.name) + ", allocation " + std::to_string(k));
             Fresh();
@@ -308,31 +295,27 @@ TEST_F(Situations, FailedAllocationLeavesNoHalfState)
                 Take(Store());   // the instance storage and its map are cached, as in a session
             }
             ComPtr<IStorage> root;
-            HRESULT hr;
-            {
-                FailingAllocation failing(k);
-                hr = row.run ? row.run(Store()) : Manager()->OpenStorage(Path(), &root);
-                reached = g_countdown == 0;
-            }
+            FailAllocation(k);
+            const HRESULT hr = row.run ? row.run(Store()) : Manager()->OpenStorage(Path(), &root);
+            reached = g_countdown == 0;
+            FailAllocation(0);
             EXPECT_TRUE(KnownResult(hr)) << Hex(hr);
             if (SUCCEEDED(hr))
                 continue;
-            if (row.run)
-            {
-                _variant_t value;
-                EXPECT_TRUE(FAILED(Store()->ReadParameter(nullptr, B(L"77"), B(L"i4"), &value)));
-                EXPECT_EQ(names, RootNames(Root()));
-            }
-            else
+            if (!row.run)   // the store is closed and the file free
             {
                 EXPECT_TRUE(FAILED(Manager()->GetStorage(&root)));
                 EXPECT_EQ(S_OK, StgOpenStorage(Path(), nullptr, kMode, nullptr, 0, &root));
                 root.Reset();
                 Open();
             }
+            _variant_t value;
+            EXPECT_TRUE(FAILED(Store()->ReadParameter(nullptr, B(L"77"), B(L"i4"), &value)));
+            EXPECT_EQ(names, RootNames(Root()));
             ExpectSame(model, Take(Store()));
         }
         EXPECT_FALSE(reached) << row.name << ": every allocation failed once and it still did not succeed";
+        EXPECT_LT(2, k) << row.name << ": no allocation of the module failed";
     }
 }
 
