@@ -328,11 +328,6 @@ size_t DamageKindCount()
     return kKindCount;
 }
 
-const char* DamageKindName(size_t kind)
-{
-    return kind < kKindCount ? kKinds[kind].name : "";
-}
-
 HRESULT MakeDamagedCopy(const wchar_t* source, const wchar_t* target, unsigned seed, std::string& description)
 {
     if (!CopyFileW(source, target, FALSE))

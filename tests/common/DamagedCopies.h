@@ -12,7 +12,6 @@
 namespace damaged_copies
 {
 size_t DamageKindCount();
-const char* DamageKindName(size_t kind);
 
 // Copies source to target and damages the copy as seed says; description tells
 // what was done ("bit flips: 2/map 5.3"). A kind that finds nothing to damage

@@ -8,41 +8,11 @@
 
 namespace safety
 {
-inline _bstr_t B(const wchar_t* text)
-{
-    return _bstr_t(text);
-}
-inline std::string Narrow(const std::wstring& text)
-{
-    return std::string(text.begin(), text.end());
-}
-
-// Instances 1-3 with descriptors; parameters of several value types (an
-// object value among them) with default values and flags; groups, references
-// both ways and an instance lock. Written once per program through the
-// interface, committed and given up.
-const std::wstring& ModelFile();
-
-// Everything that reads, by key "<instance>|<what>|<name>": the text of what
-// was read (every property of a data object), or "!<hresult>" when it failed.
-typedef std::map<std::string, std::string> Snapshot;
-Snapshot Take(IFbInstanceData* store);
-inline bool Readable(const std::string& text)
-{
-    return !text.empty() && text[0] != '!';
-}
-
+inline _bstr_t B(const wchar_t* text) { return _bstr_t(text); }
+inline std::string Narrow(const std::wstring& text) { return std::string(text.begin(), text.end()); }
 std::string Hex(HRESULT hr);
 // Whether the store may give hr: anything else is garbage.
 bool KnownResult(HRESULT hr);
-// Records hr against what when it is not a known result; returns hr.
-HRESULT Note(HRESULT hr, const std::string& what);
-// The notes since the last call.
-std::vector<std::string> TakeUnknownResults();
-
-// Gives up the file the store holds (by a failed open of a missing folder, so
-// that the store never answers from its cache), then opens path unless empty.
-HRESULT OpenIn(IInstanceDataMgr* manager, const std::wstring& path, ComPtr<IStorage>& root);
 
 // An array a call gives or takes, destroyed with its holder.
 struct Array
@@ -51,17 +21,32 @@ struct Array
     ~Array() { SafeArrayDestroy(p); }
 };
 
-// The store's writers with the test's own objects.
-HRESULT CreateIn(IFbInstanceData* store, _bstr_t* id = nullptr);
-HRESULT DefineIn(IFbInstanceData* store, const wchar_t* id, const wchar_t* name, const _variant_t& value,
-               const _variant_t& defaultValue = _variant_t());
-HRESULT GroupIn(IFbInstanceData* store, const wchar_t* id, const wchar_t* name, BYTE groupId, const Names& members);
-inline _variant_t NullValue()
+// Everything that reads, by key "<instance>|<what>|<name>": the text of what
+// was read (every property of a data object), or "!<hresult>" when it failed
+// ("!?<hresult>" when the store may not give that result).
+typedef std::map<std::string, std::string> Snapshot;
+Snapshot Take(IFbInstanceData* store);
+
+// Instances 1-3 with descriptors; parameters of several value types (an
+// object value among them) with default values and flags; groups, references
+// both ways and an instance lock. Written once per program through the
+// interface and committed.
+const std::wstring& ModelFile();
+
+// The store's writers with the test's own objects; Create with descriptors of node when given.
+HRESULT CreateIn(IFbInstanceData* store, _bstr_t* id = nullptr, const wchar_t* node = nullptr);
+inline HRESULT DefineIn(IFbInstanceData* store, const wchar_t* id, const wchar_t* name, const _variant_t& value,
+                        const _variant_t& defaultValue = _variant_t())
 {
-    _variant_t value;
-    V_VT(&value) = VT_NULL;
-    return value;
+    ComPtr<TestParameter> parameter = new TestParameter(name, value, defaultValue);
+    return store->WriteParameterInfo(nullptr, B(id), parameter.Get());
 }
+inline HRESULT GroupIn(IFbInstanceData* store, const wchar_t* id, const wchar_t* name, BYTE groupId, const Names& members)
+{
+    Array list{MakeBstrArray(members)};
+    return store->DefineGroup(nullptr, B(id), B(name), groupId, &list.p);
+}
+_variant_t NullValue();
 }  // namespace safety
 
 using namespace safety;
