@@ -26,10 +26,7 @@ ComPtr<IFbInstanceData> CreateStore()
     ComPtr<IClassFactory> factory;
     ComPtr<IFbInstanceData> store;
     EXPECT_EQ(S_OK, ServerModule::GetClassObject(CLSID_FbInstanceData, IID_PPV_ARGS(&factory)));
-    if (factory)
-    {
-        EXPECT_EQ(S_OK, factory->CreateInstance(nullptr, IID_PPV_ARGS(&store)));
-    }
+    EXPECT_TRUE(factory && SUCCEEDED(factory->CreateInstance(nullptr, IID_PPV_ARGS(&store))));
     return store;
 }
 

@@ -152,6 +152,17 @@ void ExpectRulesOfKind(IDispatch* object, DISPID id, const Property& property)
             EXPECT_EQ(S_OK, CallSlot<VARIANT*>(object, get, value.GetAddress()));
             return value;
         };
+        VARIANT invalid;
+        VariantInit(&invalid);
+        V_VT(&invalid) = 0x7F;   // no such type
+        _variant_t probe;
+        const HRESULT copyFailure = VariantCopy(&probe, &invalid);
+        ASSERT_TRUE(FAILED(copyFailure));
+        EXPECT_EQ(S_OK, CallSlot(object, put, invalid));
+        EXPECT_TRUE(_variant_t(copyFailure, VT_ERROR) == read()) << "kept as the copy's failure";
+        // A caller's VARIANT that cannot be cleared fails the getter and is left alone.
+        EXPECT_TRUE(FAILED(CallSlot<VARIANT*>(object, get, &invalid)));
+        EXPECT_EQ(0x7F, V_VT(&invalid));
         // Every read is an independent deep copy.
         EXPECT_EQ(S_OK, CallSlot<VARIANT>(object, put, _variant_t(L"4.5 bar")));
         _variant_t first = read(), second = read();
