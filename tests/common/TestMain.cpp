@@ -3,24 +3,17 @@
 #include <gtest/gtest.h>
 #include "TestSupport.h"
 
-namespace
-{
-void RegisterLibrary(const wchar_t* file)
-{
-    const std::wstring path = ProgramDirectory() + file;
-    ITypeLib* library = nullptr;
-    if (SUCCEEDED(LoadTypeLibEx(path.c_str(), REGKIND_REGISTER, &library)) && library)
-        library->Release();
-}
-}  // namespace
-
 int main(int argc, char** argv)
 {
     testing::InitGoogleTest(&argc, argv);
     if (FAILED(CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED)))
         return 2;
-    RegisterLibrary(L"FdtInterfaces.tlb");
-    RegisterLibrary(L"InstanceData.tlb");
+    for (const wchar_t* file : {L"FdtInterfaces.tlb", L"InstanceData.tlb"})
+    {
+        ITypeLib* library = nullptr;
+        if (SUCCEEDED(LoadTypeLibEx((ProgramDirectory() + file).c_str(), REGKIND_REGISTER, &library)) && library)
+            library->Release();
+    }
     const int result = RUN_ALL_TESTS();
     CoUninitialize();
     return result;

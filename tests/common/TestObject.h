@@ -1,8 +1,7 @@
 #pragma once
 // Callers' objects of the dual FDT interfaces that a frame passes to the
-// store (descriptors, parameter descriptions): the store must take any
-// implementation. IDispatch has no type information. The getter of the
-// property named by `failing` fails with E_ACCESSDENIED.
+// store (descriptors, parameter descriptions), without type information: the
+// store must take any implementation.
 #include <windows.h>
 #include <oaidl.h>
 #include <comutil.h>
@@ -22,20 +21,15 @@ public:
         return known ? (AddRef(), S_OK) : E_NOINTERFACE;
     }
     STDMETHODIMP_(ULONG) AddRef() override { return ++m_refCount; }
-    STDMETHODIMP_(ULONG) Release() override
-    {
-        const ULONG count = --m_refCount;
-        return count ? count : (delete this, 0);
-    }
+    STDMETHODIMP_(ULONG) Release() override { return --m_refCount ? m_refCount : (delete this, 0); }
     STDMETHODIMP GetTypeInfoCount(UINT* count) override { return *count = 0, S_OK; }
     STDMETHODIMP GetTypeInfo(UINT, LCID, ITypeInfo**) override { return E_NOTIMPL; }
     STDMETHODIMP GetIDsOfNames(REFIID, LPOLESTR*, UINT, LCID, DISPID*) override { return E_NOTIMPL; }
     STDMETHODIMP Invoke(DISPID, REFIID, LCID, WORD, DISPPARAMS*, VARIANT*, EXCEPINFO*, UINT*) override { return E_NOTIMPL; }
     virtual ~TestObject() = default;
 
-    std::string failing;
-    // Runs before every getter (the concurrency tests call the store back from there).
-    std::function<void()> onGet = [] {};
+    std::string failing;                   // the getter of this property fails with E_ACCESSDENIED
+    std::function<void()> onGet = [] {};   // before every getter (the concurrency tests call the store back)
 
 protected:
     template <class Out, class Field>

@@ -26,10 +26,7 @@ ComPtr<IFbInstanceData> CreateStore()
     ComPtr<IClassFactory> factory;
     ComPtr<IFbInstanceData> store;
     EXPECT_EQ(S_OK, ServerModule::GetClassObject(CLSID_FbInstanceData, IID_PPV_ARGS(&factory)));
-    if (factory)
-    {
-        EXPECT_EQ(S_OK, factory->CreateInstance(nullptr, IID_PPV_ARGS(&store)));
-    }
+    EXPECT_TRUE(factory && SUCCEEDED(factory->CreateInstance(nullptr, IID_PPV_ARGS(&store))));
     return store;
 }
 
@@ -90,25 +87,35 @@ ByteBuilder& ByteBuilder::Str(const wchar_t* text)
     return U32(size).Raw(text, size);
 }
 
-Bytes ReadStream(IStorage* storage, const wchar_t* path)
+namespace
 {
-    // Every storage on the way stays open: Wine invalidates a child whose parent is released.
-    std::vector<ComPtr<IStorage>> parents{storage};
+// Opens the sub-storages on path ("1/map") below chain's storage, each kept
+// open (Wine invalidates a child whose parent is released); gives the
+// stream's name, "" when a storage is missing.
+std::wstring OpenStorages(std::vector<ComPtr<IStorage>>& chain, const wchar_t* path, DWORD mode)
+{
     std::wstring rest = path;
     for (size_t slash; (slash = rest.find(L'/')) != std::wstring::npos; rest = rest.substr(slash + 1))
     {
         ComPtr<IStorage> child;
-        if (FAILED(parents.back()->OpenStorage(rest.substr(0, slash).c_str(), nullptr, STGM_READ | STGM_SHARE_EXCLUSIVE,
-                                               nullptr, 0, child.GetAddressOf())))
-            return Bytes();
-        parents.push_back(child);
+        if (FAILED(chain.back()->OpenStorage(rest.substr(0, slash).c_str(), nullptr, mode, nullptr, 0, &child)))
+            return L"";
+        chain.push_back(child);
     }
+    return rest;
+}
+}  // namespace
+
+Bytes ReadStream(IStorage* storage, const wchar_t* path)
+{
+    const DWORD mode = STGM_READ | STGM_SHARE_EXCLUSIVE;
+    std::vector<ComPtr<IStorage>> chain{storage};
+    const std::wstring name = OpenStorages(chain, path, mode);
     ComPtr<IStream> stream;
     Bytes bytes;
     unsigned char buffer[4096];
     ULONG read = 0;
-    if (SUCCEEDED(parents.back()->OpenStream(rest.c_str(), nullptr, STGM_READ | STGM_SHARE_EXCLUSIVE, 0,
-                                             stream.GetAddressOf())))
+    if (SUCCEEDED(chain.back()->OpenStream(name.c_str(), nullptr, mode, 0, &stream)))
         while (SUCCEEDED(stream->Read(buffer, sizeof buffer, &read)) && read)
             bytes.insert(bytes.end(), buffer, buffer + read);
     return bytes;
@@ -191,26 +198,24 @@ std::wstring Str(const _bstr_t& value)
 
 std::wstring ReferencesOf(IFbInstanceData* store, const _bstr_t& id)
 {
-    std::wstring text;
-    SAFEARRAY* list = nullptr;
-    EXPECT_EQ(S_OK, store->GetSubInstanceData(nullptr, id, &list));
-    LONG lower = -1;
-    for (const _variant_t& element : ReadValueArray(list, &lower))
-    {
+    const auto text = [](IUnknown* object) {
         ComPtr<IFdtInstanceDataRef> reference;
         _bstr_t instance, parameter;
-        if (V_VT(&element) == VT_UNKNOWN && SUCCEEDED(V_UNKNOWN(&element)->QueryInterface(IID_PPV_ARGS(&reference))))
+        if (object && SUCCEEDED(object->QueryInterface(IID_PPV_ARGS(&reference))))
             reference->get_m_instanceID(instance.GetAddress()), reference->get_m_parameterName(parameter.GetAddress());
-        text += Str(instance) + L":" + Str(parameter) + L" ";
-    }
+        return Str(instance) + L":" + Str(parameter);
+    };
+    std::wstring result;
+    SAFEARRAY* list = nullptr;
+    LONG lower = -1;
+    EXPECT_EQ(S_OK, store->GetSubInstanceData(nullptr, id, &list));
+    for (const _variant_t& element : ReadValueArray(list, &lower))
+        result += text(V_VT(&element) == VT_UNKNOWN ? V_UNKNOWN(&element) : nullptr) + L" ";
     EXPECT_TRUE(!list || (SafeArrayGetDim(list) == 1 && lower == 0));
     SafeArrayDestroy(list);
     ComPtr<IFdtInstanceDataRef> super;
-    _bstr_t instance, parameter;
     EXPECT_EQ(S_OK, store->GetSuperInstanceData(nullptr, id, super.GetAddressOf()));
-    if (super)
-        super->get_m_instanceID(instance.GetAddress()), super->get_m_parameterName(parameter.GetAddress());
-    return text + L"^" + Str(instance) + L":" + Str(parameter);
+    return result + L"^" + text(super.Get());
 }
 
 void StoreSession::SetUp()
@@ -227,17 +232,12 @@ void StoreSession::SetUp()
 void StoreSession::TearDown()
 {
     if (m_manager)
-        Close();
+        GiveUp();
+    m_store.Reset();
+    m_manager.Reset();
     if (!m_keep)
         DeleteFileW(m_path);
     EXPECT_EQ(S_OK, ServerModule::CanUnloadNow()) << "a reference, data object or lock of the module is left";
-}
-
-void StoreSession::Close()
-{
-    GiveUp();
-    m_store.Reset();
-    m_manager.Reset();
 }
 
 void StoreSession::Open() { ASSERT_EQ(S_OK, m_manager->OpenStorage(m_path, m_root.ReleaseAndGetAddressOf())); }
@@ -268,29 +268,21 @@ Bytes StoreSession::Stream(const wchar_t* path) { return Park(), ReadStream(m_ro
 void StoreSession::Replace(const wchar_t* path, const Bytes& bytes)
 {
     Park();
-    const std::wstring text = path;
-    const size_t slash = text.find(L'/');
-    ComPtr<IStorage> storage = m_root;
-    if (slash != std::wstring::npos)
-    {
-        ASSERT_EQ(S_OK, m_root->OpenStorage(text.substr(0, slash).c_str(), nullptr, kMode, nullptr, 0,
-                                            storage.ReleaseAndGetAddressOf()));
-    }
+    std::vector<ComPtr<IStorage>> chain{m_root};
+    const std::wstring name = OpenStorages(chain, path, kMode);
     ComPtr<IStream> stream;
-    ASSERT_EQ(S_OK, storage->CreateStream(text.substr(slash + 1).c_str(), kMode | STGM_CREATE, 0, 0,
-                                          stream.GetAddressOf()));
+    ASSERT_EQ(S_OK, chain.back()->CreateStream(name.c_str(), kMode | STGM_CREATE, 0, 0, &stream));
     const void* data = bytes.empty() ? "" : static_cast<const void*>(bytes.data());   // never null
     ASSERT_EQ(S_OK, stream->Write(data, static_cast<ULONG>(bytes.size()), nullptr));
-    ASSERT_EQ(S_OK, storage->Commit(STGC_DEFAULT));
+    ASSERT_EQ(S_OK, chain.back()->Commit(STGC_DEFAULT));
 }
 
 std::wstring StoreSession::NewInstance(IFdtDtmDescriptor* dtm, IFdtCommunicationDescriptor* comm)
 {
-    ComPtr<IFdtDtmDescriptor> defaultDtm = new TestDtmDescriptor;
-    ComPtr<IFdtCommunicationDescriptor> defaultComm = new TestCommDescriptor;
+    ComPtr<IFdtDtmDescriptor> ownDtm = dtm ? dtm : new TestDtmDescriptor;
+    ComPtr<IFdtCommunicationDescriptor> ownComm = comm ? comm : new TestCommDescriptor;
     _bstr_t id;
-    EXPECT_EQ(S_OK, m_store->Create(nullptr, dtm ? dtm : defaultDtm.Get(), comm ? comm : defaultComm.Get(),
-                                    id.GetAddress()));
+    EXPECT_EQ(S_OK, m_store->Create(nullptr, ownDtm.Get(), ownComm.Get(), id.GetAddress()));
     return Str(id);
 }
 
@@ -301,11 +293,6 @@ Names StoreSession::InstanceList()
     const Names ids = ReadBstrArray(list);
     SafeArrayDestroy(list);
     return ids;
-}
-
-HRESULT StoreSession::Define(IFdtParameter* parameter, const wchar_t* id)
-{
-    return m_store->WriteParameterInfo(nullptr, _bstr_t(id), parameter);
 }
 
 HRESULT StoreSession::Define(const wchar_t* name, const _variant_t& value, const _variant_t& defaultValue)
@@ -319,11 +306,6 @@ _variant_t StoreSession::Read(const wchar_t* name, HRESULT expected)
     EXPECT_EQ(expected, m_store->ReadParameter(nullptr, m_id, _bstr_t(name), &value))
         << "reading " << static_cast<const char*>(_bstr_t(name));
     return value;
-}
-
-HRESULT StoreSession::Write(const wchar_t* name, const _variant_t& value)
-{
-    return m_store->WriteParameter(nullptr, m_id, _bstr_t(name), value);
 }
 
 ComPtr<IFdtParameter> StoreSession::Info(const wchar_t* name)

@@ -1,7 +1,6 @@
 #pragma once
-// The one support library of the tests: InstanceData.dll through its
-// exports, a store file per test as a frame opens it, stream bytes, arrays
-// and the trace.
+// InstanceData.dll through its exports, a store file per test as a frame
+// opens it, stream bytes, arrays and the trace.
 #include <gtest/gtest.h>
 #include <windows.h>
 #include <ole2.h>
@@ -75,7 +74,6 @@ struct ByteBuilder
 // below storage; empty when it cannot be opened.
 Bytes ReadStream(IStorage* storage, const wchar_t* path);
 
-// Arrays as callers pass them, and what the store gives back.
 SAFEARRAY* MakeBstrArray(const Names& items, LONG lowerBound = 0);
 Names ReadBstrArray(SAFEARRAY* array);
 SAFEARRAY* MakeValueArray(const Values& values);
@@ -105,16 +103,11 @@ public:   // rows of the tables call these through a reference
     IStorage* Root() const { return m_root.Get(); }
     BSTR Path() const { return m_path; }
     void Keep() { m_keep = true; }
-    void ReleaseRoot() { m_root.Reset(); }
+    void ReleaseRoot() { m_root.Reset(); }   // the store's own reference stays
     void Commit() { ASSERT_EQ(S_OK, m_root->Commit(STGC_DEFAULT)); }
-    // Opens the file (a new one when missing).
-    void Open();
-    // Commits, gives the file up and opens it again: the frame's next session.
-    void Reopen();
-    // Gives the file up and drops the test's references of the store.
-    void Close();
-    // Makes the store give up its root by a failed open elsewhere.
-    void GiveUp();
+    void Open();     // a new file when missing
+    void Reopen();   // commits, gives the file up and opens it again: the frame's next session
+    void GiveUp();   // the store gives up its root after a failed open elsewhere
     // Makes the store let go of its cached instance storage and stream name
     // map (asking about an identifier without instance, which traces): what
     // the instance did not commit is dropped, and its streams can be reached
@@ -127,12 +120,17 @@ public:   // rows of the tables call these through a reference
     // Create from the given descriptors (new test objects when null); "" when it fails.
     std::wstring NewInstance(IFdtDtmDescriptor* dtm = nullptr, IFdtCommunicationDescriptor* comm = nullptr);
     Names InstanceList();
-
-    // Parameters of instance m_id: a description of the test's own, read back.
-    HRESULT Define(IFdtParameter* parameter, const wchar_t* id = L"1");
+    // Parameters of instance m_id.
+    HRESULT Define(IFdtParameter* parameter, const wchar_t* id = L"1")
+    {
+        return m_store->WriteParameterInfo(nullptr, _bstr_t(id), parameter);
+    }
     HRESULT Define(const wchar_t* name, const _variant_t& value, const _variant_t& defaultValue = _variant_t());
     _variant_t Read(const wchar_t* name, HRESULT expected = S_OK);
-    HRESULT Write(const wchar_t* name, const _variant_t& value);
+    HRESULT Write(const wchar_t* name, const _variant_t& value)
+    {
+        return m_store->WriteParameter(nullptr, m_id, _bstr_t(name), value);
+    }
     ComPtr<IFdtParameter> Info(const wchar_t* name);
     // GetAllParameters or GetAllGroups; the names start at 0.
     Names All(HRESULT (STDMETHODCALLTYPE IFbInstanceData::*list)(IFdtContext*, BSTR, SAFEARRAY**));
@@ -146,4 +144,15 @@ private:
     ComPtr<IFbInstanceData> m_store;
     ComPtr<IInstanceDataMgr> m_manager;
     ComPtr<IStorage> m_root;
+};
+
+// A session whose file holds instance "1".
+class InstanceSession : public StoreSession
+{
+public:
+    void SetUp() override
+    {
+        StoreSession::SetUp();
+        ASSERT_EQ(L"1", NewInstance());
+    }
 };

@@ -7,7 +7,7 @@
 
 namespace
 {
-const _bstr_t kOne(L"1"), kTwo(L"2"), kThree(L"3"), kP(L"P"), kQ(L"Q");
+const _bstr_t kOne(L"1"), kTwo(L"2"), kP(L"P"), kQ(L"Q");
 const std::wstring kDefaults = L"1,0,,,20001fe,400;1,;DVL/QTS-WMR-VQ_INSTANCEDATA";
 
 using Instances = StoreSession;
@@ -39,15 +39,6 @@ std::wstring Identify(IFbInstanceData* store, const wchar_t* id)
              Str(node).c_str(), application, language, commCategory, Str(commName).c_str(), Str(name).c_str());
     return result;
 }
-
-// Stream fields: little-endian DWORDs, then a byte or a string.
-ByteBuilder Dwords(std::initializer_list<DWORD> values)
-{
-    ByteBuilder bytes;
-    for (DWORD value : values)
-        bytes.U32(value);
-    return bytes;
-}
 }  // namespace
 
 // Writes Instances-NewInstancesAndTheirIdentification.stg for the byte check:
@@ -56,8 +47,6 @@ ByteBuilder Dwords(std::initializer_list<DWORD> values)
 TEST_F(Instances, NewInstancesAndTheirIdentification)
 {
     Keep();
-    // An identifier without instance identifies as new descriptor objects.
-    EXPECT_EQ(kDefaults, Identify(Store(), L"12"));
     ComPtr<IFdtDescriptor> descriptor;
     ComPtr<IFdtDtmDescriptor> dtm;
     ComPtr<IFdtCommunicationDescriptor> comm;
@@ -120,24 +109,24 @@ TEST_F(Instances, NumberingAndTheList)
     Replace(L"6", Bytes(4));
     Reopen();
     EXPECT_EQ((Names{L"1", L"3", L"4"}), InstanceList());
-    EXPECT_EQ(Bytes(Dwords({1, 5})), Stream(L"admin"));
+    EXPECT_EQ(Bytes(ByteBuilder().U32(1).U32(5)), Stream(L"admin"));
 
-    Replace(L"admin", Dwords({1, 0xFFFFFFFF}));
+    Replace(L"admin", ByteBuilder().U32(1).U32(0xFFFFFFFF));
     EXPECT_EQ((Names{L"1", L"3", L"4", L"5"}), InstanceList());
     EXPECT_EQ(L"4294967295", NewInstance());
     BSTR id = nullptr;
-    ComPtr<TestDtmDescriptor> dtm = new TestDtmDescriptor;
-    ComPtr<TestCommDescriptor> comm = new TestCommDescriptor;
-    EXPECT_EQ(E_FAIL, Store()->Create(nullptr, dtm.Get(), comm.Get(), &id));
-    EXPECT_EQ(Bytes(Dwords({1, 0})), Stream(L"admin"));
+    EXPECT_EQ(E_FAIL, Store()->Create(nullptr, ComPtr<TestDtmDescriptor>(new TestDtmDescriptor).Get(),
+                                      ComPtr<TestCommDescriptor>(new TestCommDescriptor).Get(), &id));
+    EXPECT_EQ(Bytes(ByteBuilder().U32(1).U32(0)), Stream(L"admin"));
 }
 
-// Identifiers that can name no instance fail every operation without a trace
-// of them in the file; a long one is never cut down to a shorter name.
+// Identifiers that can name no instance (null, empty, 32 characters or more)
+// fail every operation without a trace of them in the file; a long one is
+// never cut down to a shorter name.
 TEST_F(Instances, IdentifiersThatNameNoInstance)
 {
     ASSERT_EQ(L"1", NewInstance());
-    const std::wstring longId = L"1" + std::wstring(31, L' ');   // 32 characters
+    const std::wstring longId = L"1" + std::wstring(31, L' ');
     for (BSTR id : {static_cast<BSTR>(nullptr), SysAllocString(L""), SysAllocString(longId.c_str()),
                     SysAllocString((longId + L"0").c_str())})
     {
@@ -155,14 +144,15 @@ TEST_F(Instances, IdentifiersThatNameNoInstance)
         SysFreeString(id);
     }
     EXPECT_EQ(Names{L"1"}, InstanceList());
-    EXPECT_EQ(L"^:", ReferencesOf(Store(), kOne));
-    EXPECT_EQ(Bytes(Dwords({1, 0, 0, 0, 0})), Stream(L"1/instance"));
+    EXPECT_EQ(Bytes(ByteBuilder().U32(1).U32(0).U32(0).U32(0).U32(0)), Stream(L"1/instance"));
 }
 
 // What the store caches of instance 1 (its storage and stream name map) never
-// outlives what the frame or the store does to the file.
+// outlives what the frame or the store does to the file. Instance 1 refers
+// to 2 by P, 2 to 1 by Q; 1 is locked and has parameter v.
 TEST_F(Instances, TheCacheNeverOutlivesItsInstance)
 {
+    static const std::wstring kRefs = L"2:P ^2:Q";
     const struct
     {
         const char* what;
@@ -177,25 +167,40 @@ TEST_F(Instances, TheCacheNeverOutlivesItsInstance)
              EXPECT_EQ(Names{L"2"}, t.InstanceList());
          }},
         {"Create right after reading an instance with references", [](Instances& t) {
-             EXPECT_EQ(L"2:P ^:", ReferencesOf(t.Store(), kOne));
+             EXPECT_EQ(kRefs, ReferencesOf(t.Store(), kOne));
              const _bstr_t id(t.NewInstance().c_str());
              EXPECT_EQ(L"^:", ReferencesOf(t.Store(), id));
              EXPECT_EQ(kDefaults, Identify(t.Store(), id));
+             t.m_id = id;
+             EXPECT_TRUE(t.All(&IFbInstanceData::GetAllParameters).empty());
+             t.m_id = kOne;
          }},
-        {"Duplicate read back at once", [](Instances& t) {
+        // A copy takes every stream, both ends of the references and the
+        // locks, which are its own from then on; the other ends are not told.
+        {"Duplicate read back at once and in the next session", [](Instances& t) {
              _bstr_t copy;
+             EXPECT_EQ(E_POINTER, t.Store()->Duplicate(nullptr, kOne, nullptr));
              ASSERT_EQ(S_OK, t.Store()->Duplicate(nullptr, kOne, copy.GetAddress()));
-             EXPECT_EQ(L"2:P ^:", ReferencesOf(t.Store(), copy));
+             EXPECT_EQ(L"3", Str(copy));
+             EXPECT_EQ(kRefs, ReferencesOf(t.Store(), copy));
              EXPECT_EQ(Identify(t.Store(), L"1"), Identify(t.Store(), copy));
+             EXPECT_EQ(L"1:Q ^1:P", ReferencesOf(t.Store(), kTwo));
+             t.Reopen();
+             for (const std::wstring stream : {L"instance", L"dtm", L"comm", L"map", L"0"})
+             {
+                 EXPECT_FALSE(t.Stream((L"3/" + stream).c_str()).empty()) << stream;
+                 EXPECT_EQ(t.Stream((L"1/" + stream).c_str()), t.Stream((L"3/" + stream).c_str())) << stream;
+             }
              EXPECT_EQ(S_OK, t.Store()->UnlockInstance(nullptr, copy));
              EXPECT_EQ(E_FAIL, t.Store()->UnlockInstance(nullptr, copy));
+             EXPECT_EQ(S_OK, t.Store()->UnlockInstance(nullptr, kOne));
          }},
         {"the frame reverts the root", [](Instances& t) {
              ASSERT_EQ(S_OK, t.Store()->LockInstance(nullptr, kOne));
              ASSERT_EQ(S_OK, t.Root()->Revert());
              EXPECT_EQ(S_OK, t.Store()->UnlockInstance(nullptr, kOne));
              EXPECT_EQ(E_FAIL, t.Store()->UnlockInstance(nullptr, kOne));
-             EXPECT_EQ(L"2:P ^:", ReferencesOf(t.Store(), kOne));
+             EXPECT_EQ(kRefs, ReferencesOf(t.Store(), kOne));
              EXPECT_EQ(L"3", t.NewInstance());
          }},
         {"the frame opens another file with an instance 1", [](Instances& t) {
@@ -208,19 +213,18 @@ TEST_F(Instances, TheCacheNeverOutlivesItsInstance)
              EXPECT_EQ(L"1", t.NewInstance(dtm.Get()));
              EXPECT_EQ(L"1,0,B,,20001fe,400;1,;DVL/QTS-WMR-VQ_INSTANCEDATA", Identify(t.Store(), L"1"));
              EXPECT_EQ(L"^:", ReferencesOf(t.Store(), kOne));
+             EXPECT_TRUE(t.All(&IFbInstanceData::GetAllParameters).empty());
              EXPECT_EQ(S_OK, t.Store()->LockInstance(nullptr, kOne));
              t.Park();
-             EXPECT_EQ(Bytes(Dwords({1, 1, 0, 0, 0})), ReadStream(root.Get(), L"1/instance"));
+             EXPECT_EQ(Bytes(ByteBuilder().U32(1).U32(1).U32(0).U32(0).U32(0)), ReadStream(root.Get(), L"1/instance"));
              root.Reset();
              t.GiveUp();
              DeleteFileW(other.c_str());
              t.Open();
-             EXPECT_EQ(L"2:P ^:", ReferencesOf(t.Store(), kOne));
+             EXPECT_EQ(kRefs, ReferencesOf(t.Store(), kOne));
              EXPECT_EQ(S_OK, t.Store()->UnlockInstance(nullptr, kOne));
          }},
     };
-    ComPtr<TestDtmDescriptor> dtm = new TestDtmDescriptor;
-    dtm->device = L"Old";
     for (const auto& cache : cases)
     {
         SCOPED_TRACE(cache.what);
@@ -230,43 +234,12 @@ TEST_F(Instances, TheCacheNeverOutlivesItsInstance)
         ASSERT_EQ(L"1", NewInstance());
         ASSERT_EQ(L"2", NewInstance());
         ASSERT_EQ(S_OK, Store()->AddInstanceDataReference(nullptr, kOne, kP, kTwo));
+        ASSERT_EQ(S_OK, Store()->AddInstanceDataReference(nullptr, kTwo, kQ, kOne));
         ASSERT_EQ(S_OK, Store()->LockInstance(nullptr, kOne));
+        ASSERT_EQ(S_OK, Define(L"v", _variant_t(1L)));   // instance 1's storage and map are now the cached ones
         Commit();
-        // Instance 1's storage and map are now the cached ones.
-        SAFEARRAY* names = nullptr;
-        ASSERT_EQ(S_OK, Store()->GetAllParameters(nullptr, kOne, &names));
-        SafeArrayDestroy(names);
         cache.run(*this);
     }
-}
-
-// A copy takes every stream, both ends of the references and the locks,
-// which are its own from then on.
-TEST_F(Instances, DuplicateCopiesEverything)
-{
-    for (const wchar_t* expected : {L"1", L"2", L"3"})
-        ASSERT_EQ(expected, NewInstance());
-    ASSERT_EQ(S_OK, Store()->AddInstanceDataReference(nullptr, kOne, kP, kTwo));
-    ASSERT_EQ(S_OK, Store()->AddInstanceDataReference(nullptr, kThree, kQ, kOne));
-    ASSERT_EQ(S_OK, Store()->LockInstance(nullptr, kOne));
-    Replace(L"1/0", Bytes{1, 0, 0, 0, 2, 0, 0, 0, 0xAB});   // a parameter stream, as the store leaves it
-    const Bytes two = Stream(L"2/instance");
-
-    _bstr_t copy;
-    EXPECT_EQ(E_POINTER, Store()->Duplicate(nullptr, kOne, nullptr));
-    ASSERT_EQ(S_OK, Store()->Duplicate(nullptr, kOne, copy.GetAddress()));
-    EXPECT_EQ(L"4", Str(copy));
-    Reopen();
-    for (const std::wstring stream : {L"instance", L"dtm", L"comm", L"map", L"0"})
-    {
-        EXPECT_FALSE(Stream((L"4/" + stream).c_str()).empty()) << stream;
-        EXPECT_EQ(Stream((L"1/" + stream).c_str()), Stream((L"4/" + stream).c_str())) << stream;
-    }
-    EXPECT_EQ(L"2:P ^3:Q", ReferencesOf(Store(), copy));
-    EXPECT_EQ(two, Stream(L"2/instance")) << "the other ends are not told of the copy";
-    EXPECT_EQ(S_OK, Store()->UnlockInstance(nullptr, copy));
-    EXPECT_EQ(E_FAIL, Store()->UnlockInstance(nullptr, copy));
-    EXPECT_EQ(S_OK, Store()->UnlockInstance(nullptr, kOne));
 }
 
 // Each damaged stream goes into a new instance; locking reads the "instance"
@@ -283,16 +256,17 @@ TEST_F(Instances, DamagedStreamsGiveAnError)
         const char* trace;
         std::wstring identification;
     } const cases[] = {
-        {L"instance", Dwords({1}).U8(3), E_FAIL, kFailed, kDefaults},
-        {L"instance", Dwords({2, 0, 0, 0, 0}), E_FAIL, "FbInstanceData::ReadInstanceStream invalid version\n",
-         kDefaults},
+        {L"instance", ByteBuilder().U32(1).U8(3), E_FAIL, kFailed, kDefaults},
+        {L"instance", ByteBuilder().U32(2).U32(0).U32(0).U32(0).U32(0), E_FAIL,
+         "FbInstanceData::ReadInstanceStream invalid version\n", kDefaults},
         // What was read before the end is kept; the rest keeps its new-object values.
-        {L"dtm", Dwords({1}).U8(3).U32(5).U32(100).U8('a').U8(0), S_OK, kFailed, L"3,5,,,20001fe,400;1," + kName},
-        {L"dtm", Dwords({2}).U8(9).U32(5).Str(L"x").Str(L"y").U32(1).U32(2), S_OK,
+        {L"dtm", ByteBuilder().U32(1).U8(3).U32(5).U32(100).U8('a').U8(0), S_OK, kFailed,
+         L"3,5,,,20001fe,400;1," + kName},
+        {L"dtm", ByteBuilder().U32(2).U8(9).U32(5).Str(L"x").Str(L"y").U32(1).U32(2), S_OK,
          "internal error 0xa: FbInstanceData::ReadFromInstance(DTM) invalid version", kDefaults},
-        {L"comm", Dwords({0}).U8(9).Str(L"x"), S_OK,
+        {L"comm", ByteBuilder().U32(0).U8(9).Str(L"x"), S_OK,
          "internal error 0xa: FbInstanceData::ReadFromInstance(COMM) invalid version", kDefaults},
-        {L"comm", Dwords({1}).U8(9).U32(4).U8('x'), S_OK, kFailed, L"1,0,,,20001fe,400;9," + kName},
+        {L"comm", ByteBuilder().U32(1).U8(9).U32(4).U8('x'), S_OK, kFailed, L"1,0,,,20001fe,400;9," + kName},
     };
     for (const auto& damage : cases)
     {

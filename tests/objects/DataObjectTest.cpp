@@ -1,4 +1,4 @@
-// The eight data objects through their vtables and late-bound: defaults,
+// The eight data objects late-bound and through their vtables: defaults,
 // accessor rules, interfaces, reference counting and the module lock.
 #include "ObjectsTestSupport.h"
 #include "NonCreateables/FdtClassID.h"
@@ -12,10 +12,10 @@
 
 namespace
 {
-template <class Object, class Interface = IDispatch>
-ComPtr<Interface> Make()
+template <class Object>
+ComPtr<IDispatch> Make()
 {
-    ComPtr<Interface> object;
+    ComPtr<IDispatch> object;
     EXPECT_EQ(S_OK, MakeDataObject<Object>(object));
     return object;
 }
@@ -35,7 +35,7 @@ struct DataClass
     const char* name;
     ComPtr<IDispatch> (*make)();
     IID iid;
-    std::vector<Property> properties;
+    std::vector<Property> properties;   // in the order of their dispatch identifiers, from 1
 };
 
 const std::vector<DataClass>& DataClasses()
@@ -67,133 +67,29 @@ const std::vector<DataClass>& DataClasses()
     return classes;
 }
 
-// The property's initial value (which < 0), or one of two values it holds
-// unchanged, the first different from the initial one.
-_variant_t Value(const Property& property, int which = -1)
+// The property's initial value, or (id > 0) a value that differs from it and
+// from that of every other property of the object.
+_variant_t Value(const Property& property, DISPID id = 0)
 {
     switch (property.kind)
     {
-    case Kind::Byte: return _variant_t(static_cast<BYTE>(which < 0 ? property.initial : which ? 0x5A : 0xFF));
-    case Kind::Long: return _variant_t(which < 0 ? property.initial : which ? 77L : -123456789L);
-    case Kind::String: return _variant_t(which < 0 ? L"" : which ? L"late" : L"early");
-    case Kind::Interface: return _variant_t(which < 0 ? nullptr : property.member().Get());
-    case Kind::Variant: return which < 0 ? _variant_t() : which ? _variant_t(short(5)) : _variant_t(L"text");
-    case Kind::Boolean: return _variant_t(which == 0);
+    case Kind::Byte: return _variant_t(static_cast<BYTE>(id ? 0x10 + id : property.initial));
+    case Kind::Long: return _variant_t(id ? 1000L + id : property.initial);
+    case Kind::String: return _variant_t(id ? (L"v" + std::to_wstring(id)).c_str() : L"");
+    case Kind::Interface: return _variant_t(id ? property.member().Get() : nullptr);
+    case Kind::Variant: return id ? _variant_t(static_cast<short>(id)) : _variant_t();
+    case Kind::Boolean: return _variant_t(id != 0);
     }
     return _variant_t();
 }
 
-// The getter and setter of one property, called by their vtable slots.
-struct Slots
+// A getter (slot 5 + 2 * id: after IUnknown, IDispatch and the earlier
+// properties) or a setter (the slot after it), called by its vtable slot.
+template <class Arg>
+HRESULT CallSlot(IDispatch* object, DISPID slot, Arg arg)
 {
-    IDispatch* object;
-    size_t index;   // of the property: its getter follows IUnknown, IDispatch and the earlier properties
-    Kind kind;
-
-    template <class Arg>
-    HRESULT Call(UINT slot, Arg arg) const
-    {
-        using Function = HRESULT(STDMETHODCALLTYPE*)(IDispatch*, Arg);
-        return reinterpret_cast<Function>((*reinterpret_cast<void***>(object))[slot])(object, arg);
-    }
-    template <class Value>
-    HRESULT GetInto(Value* value) const { return Call(7 + 2 * static_cast<UINT>(index), value); }
-    template <class Arg>
-    HRESULT Set(Arg value) const { return Call(8 + 2 * static_cast<UINT>(index), value); }
-
-    _variant_t Get() const
-    {
-        static const VARTYPE types[] = {VT_UI1, VT_I4, VT_BSTR, VT_DISPATCH, VT_EMPTY, VT_BOOL};
-        _variant_t result;
-        result.llVal = 0;   // the getters of the other kinds write the start of the union
-        EXPECT_EQ(S_OK, kind == Kind::Variant ? GetInto(result.GetAddress()) : GetInto(&result.llVal));
-        if (kind != Kind::Variant)
-            result.vt = types[static_cast<int>(kind)];
-        EXPECT_FALSE(kind == Kind::String && !result.bstrVal) << "a string getter gives a string";
-        return result;
-    }
-
-    HRESULT Put(const _variant_t& value) const
-    {
-        switch (kind)
-        {
-        case Kind::Byte: return Set(V_UI1(&value));
-        case Kind::Long: return Set(V_I4(&value));
-        case Kind::String: return Set(V_BSTR(&value));
-        case Kind::Interface: return Set(V_DISPATCH(&value));
-        case Kind::Variant: return Set<VARIANT>(value);
-        case Kind::Boolean: return Set(V_BOOL(&value));
-        }
-        return E_FAIL;
-    }
-};
-
-// The rules of the property's kind; each leaves a value other than the samples.
-void ExpectRulesOfKind(const Slots& slots, const Property& property)
-{
-    switch (property.kind)
-    {
-    default:   // integers take every value
-        break;
-    case Kind::String:
-    {
-        EXPECT_EQ(S_OK, slots.Put(_variant_t(_bstr_t(SysAllocStringLen(L"12\0" L"34", 5), false))));
-        EXPECT_TRUE(_variant_t(L"12") == slots.Get()) << "an embedded null ends what is stored";
-        EXPECT_EQ(S_OK, slots.Set<BSTR>(nullptr));
-        EXPECT_TRUE(_variant_t(L"") == slots.Get()) << "a null member reads as an empty string";
-        break;
-    }
-    case Kind::Boolean:
-        EXPECT_EQ(S_OK, slots.Set<VARIANT_BOOL>(VARIANT_TRUE));
-        EXPECT_TRUE(_variant_t(true) == slots.Get());
-        EXPECT_EQ(S_OK, slots.Set<VARIANT_BOOL>(1));
-        EXPECT_TRUE(_variant_t(false) == slots.Get()) << "only VARIANT_TRUE sets a flag";
-        break;
-    case Kind::Interface:
-    {
-        ComPtr<IDispatch> member = property.member();
-        IDispatch* const held = member.Get();
-        EXPECT_EQ(S_OK, slots.Set(held));
-        member.Reset();   // the property's reference is now the only one
-        const LONG objects = LiveDataObjects();
-        EXPECT_EQ(S_OK, slots.Set(held));
-        EXPECT_EQ(objects, LiveDataObjects()) << "setting the object held destroyed it";
-        EXPECT_TRUE(_variant_t(held) == slots.Get());
-        EXPECT_EQ(S_OK, slots.Set<IDispatch*>(nullptr));
-        EXPECT_EQ(objects - 1, LiveDataObjects()) << "clearing released the only reference";
-        EXPECT_TRUE(Value(property) == slots.Get());
-        break;
-    }
-    case Kind::Variant:
-    {
-        VARIANT invalid, probe;
-        VariantInit(&invalid);
-        VariantInit(&probe);
-        V_VT(&invalid) = 0x7F;   // no such type
-        const HRESULT copyFailure = VariantCopy(&probe, &invalid);
-        ASSERT_TRUE(FAILED(copyFailure));
-        EXPECT_EQ(S_OK, slots.Set(invalid));
-        EXPECT_TRUE(_variant_t(copyFailure, VT_ERROR) == slots.Get()) << "kept as the copy's failure";
-        // A caller's VARIANT that cannot be cleared fails the getter and is left alone.
-        EXPECT_TRUE(FAILED(slots.GetInto(&invalid)));
-        EXPECT_EQ(0x7F, V_VT(&invalid));
-
-        // Every read is an independent deep copy.
-        EXPECT_EQ(S_OK, slots.Put(_variant_t(L"4.5 bar")));
-        _variant_t first = slots.Get(), second = slots.Get();
-        ASSERT_EQ(VT_BSTR, first.vt);
-        EXPECT_NE(first.bstrVal, second.bstrVal);
-        first.bstrVal[0] = L'X';
-        EXPECT_TRUE(_variant_t(L"4.5 bar") == slots.Get());
-
-        // A null string stays null: the store encodes it apart from an empty one.
-        EXPECT_EQ(S_OK, slots.Put(_variant_t(_bstr_t())));
-        const _variant_t null = slots.Get();
-        EXPECT_EQ(VT_BSTR, null.vt);
-        EXPECT_EQ(nullptr, null.bstrVal);
-        break;
-    }
-    }
+    using Function = HRESULT(STDMETHODCALLTYPE*)(IDispatch*, Arg);
+    return reinterpret_cast<Function>((*reinterpret_cast<void***>(object))[slot])(object, arg);
 }
 
 // A late-bound property get (without value) or put.
@@ -209,6 +105,79 @@ _variant_t Invoke(IDispatch* object, DISPID id, const _variant_t* value = nullpt
     EXPECT_EQ(S_OK, object->Invoke(id, IID_NULL, LOCALE_USER_DEFAULT, flags, value ? &params : &none,
                                    value ? nullptr : result.GetAddress(), nullptr, nullptr));
     return result;
+}
+
+// The rules of the property's kind, called by the vtable where a late-bound
+// call would copy the value; each leaves a value other than the samples.
+void ExpectRulesOfKind(IDispatch* object, DISPID id, const Property& property)
+{
+    const DISPID get = 5 + 2 * id, put = get + 1;
+    switch (property.kind)
+    {
+    default:   // integers take every value
+        break;
+    case Kind::String:
+    {
+        EXPECT_EQ(S_OK, CallSlot<BSTR>(object, put, _bstr_t(SysAllocStringLen(L"12\0" L"34", 5), false)));
+        EXPECT_TRUE(_variant_t(L"12") == Invoke(object, id)) << "an embedded null ends what is stored";
+        EXPECT_EQ(S_OK, CallSlot<BSTR>(object, put, nullptr));
+        BSTR text = nullptr;
+        EXPECT_EQ(S_OK, CallSlot<BSTR*>(object, get, &text));
+        EXPECT_TRUE(text && !*text) << "a null member reads as an empty string";
+        SysFreeString(text);
+        break;
+    }
+    case Kind::Boolean:
+        EXPECT_EQ(S_OK, CallSlot<VARIANT_BOOL>(object, put, 1));
+        EXPECT_TRUE(_variant_t(false) == Invoke(object, id)) << "only VARIANT_TRUE sets a flag";
+        break;
+    case Kind::Interface:
+    {
+        ComPtr<IDispatch> member = property.member();
+        IDispatch* const held = member.Get();
+        EXPECT_EQ(S_OK, CallSlot(object, put, held));
+        member.Reset();   // the property's reference is now the only one
+        const LONG objects = LiveDataObjects();
+        EXPECT_EQ(S_OK, CallSlot(object, put, held));
+        EXPECT_EQ(objects, LiveDataObjects()) << "setting the object held destroyed it";
+        EXPECT_TRUE(_variant_t(held) == Invoke(object, id));
+        EXPECT_EQ(S_OK, CallSlot<IDispatch*>(object, put, nullptr));
+        EXPECT_EQ(objects - 1, LiveDataObjects()) << "clearing released the only reference";
+        break;
+    }
+    case Kind::Variant:
+    {
+        const auto read = [&] {
+            _variant_t value;
+            EXPECT_EQ(S_OK, CallSlot<VARIANT*>(object, get, value.GetAddress()));
+            return value;
+        };
+        VARIANT invalid;
+        VariantInit(&invalid);
+        V_VT(&invalid) = 0x7F;   // no such type
+        _variant_t probe;
+        const HRESULT copyFailure = VariantCopy(&probe, &invalid);
+        ASSERT_TRUE(FAILED(copyFailure));
+        EXPECT_EQ(S_OK, CallSlot(object, put, invalid));
+        EXPECT_TRUE(_variant_t(copyFailure, VT_ERROR) == read()) << "kept as the copy's failure";
+        // A caller's VARIANT that cannot be cleared fails the getter and is left alone.
+        EXPECT_TRUE(FAILED(CallSlot<VARIANT*>(object, get, &invalid)));
+        EXPECT_EQ(0x7F, V_VT(&invalid));
+        // Every read is an independent deep copy.
+        EXPECT_EQ(S_OK, CallSlot<VARIANT>(object, put, _variant_t(L"4.5 bar")));
+        _variant_t first = read(), second = read();
+        ASSERT_EQ(VT_BSTR, first.vt);
+        EXPECT_NE(first.bstrVal, second.bstrVal);
+        first.bstrVal[0] = L'X';
+        EXPECT_TRUE(_variant_t(L"4.5 bar") == read());
+        // A null string stays null: the store encodes it apart from an empty one.
+        EXPECT_EQ(S_OK, CallSlot<VARIANT>(object, put, _variant_t(_bstr_t())));
+        const _variant_t null = read();
+        EXPECT_EQ(VT_BSTR, null.vt);
+        EXPECT_EQ(nullptr, null.bstrVal);
+        break;
+    }
+    }
 }
 
 class DataObjects : public LeakCheckedTest
@@ -227,40 +196,31 @@ public:
 };
 }  // namespace
 
-TEST_F(DataObjects, EveryAccessorBySlotAndLateBoundHasItsDefaultAndTheRulesOfItsKind)
+TEST_F(DataObjects, EveryAccessorHasItsDefaultAndTheRulesOfItsKind)
 {
     for (const DataClass& dataClass : DataClasses())
     {
         ComPtr<IDispatch> object = dataClass.make();
         ASSERT_TRUE(object) << dataClass.name;
         std::vector<_variant_t> kept;
-        for (size_t index = 0; index < dataClass.properties.size(); ++index)
+        for (DISPID id = 1; id <= static_cast<DISPID>(dataClass.properties.size()); ++id)
         {
-            const Property& property = dataClass.properties[index];
+            const Property& property = dataClass.properties[id - 1];
             SCOPED_TRACE(testing::Message() << dataClass.name << "."
                                             << static_cast<const char*>(_bstr_t(property.name)));
-            const Slots slots{object.Get(), index, property.kind};
             LPOLESTR name = const_cast<LPOLESTR>(property.name);
-            DISPID id = DISPID_UNKNOWN;
-            EXPECT_EQ(S_OK, object->GetIDsOfNames(IID_NULL, &name, 1, LOCALE_USER_DEFAULT, &id));
-            EXPECT_EQ(static_cast<DISPID>(index + 1), id);
-            EXPECT_TRUE(Value(property) == slots.Get());
+            DISPID named = DISPID_UNKNOWN;
+            EXPECT_EQ(S_OK, object->GetIDsOfNames(IID_NULL, &name, 1, LOCALE_USER_DEFAULT, &named));
+            EXPECT_EQ(id, named);
             EXPECT_TRUE(Value(property) == Invoke(object.Get(), id));
-            EXPECT_EQ(E_POINTER, slots.GetInto<void>(nullptr));
-            ExpectRulesOfKind(slots, property);
-
-            // Put through the vtable, read late-bound; put late-bound, read through the vtable.
-            const _variant_t early = Value(property, 0), late = Value(property, 1);
-            EXPECT_EQ(S_OK, slots.Put(early));
-            EXPECT_TRUE(early == slots.Get());
-            EXPECT_TRUE(early == Invoke(object.Get(), id));
-            Invoke(object.Get(), id, &late);
-            EXPECT_TRUE(late == slots.Get());
-            kept.push_back(late);
+            EXPECT_EQ(E_POINTER, CallSlot<void*>(object.Get(), 5 + 2 * id, nullptr));
+            ExpectRulesOfKind(object.Get(), id, property);
+            kept.push_back(Value(property, id));
+            Invoke(object.Get(), id, &kept.back());
         }
-        // No setter wrote another field.
-        for (size_t index = 0; index < kept.size(); ++index)
-            EXPECT_TRUE(kept[index] == (Slots{object.Get(), index, dataClass.properties[index].kind}.Get()));
+        // Each getter reads what its own setter wrote.
+        for (DISPID id = 1; id <= static_cast<DISPID>(kept.size()); ++id)
+            EXPECT_TRUE(kept[id - 1] == Invoke(object.Get(), id)) << dataClass.name << " " << id;
     }
 }
 
@@ -288,8 +248,7 @@ TEST_F(DataObjects, AnswerFourInterfacesAndErrorInfoForTheirOwn)
         for (const IID& iid : others)
         {
             ComPtr<IUnknown> other;
-            const bool mine = InlineIsEqualGUID(iid, dataClass.iid);
-            EXPECT_EQ(mine ? S_OK : E_NOINTERFACE, object->QueryInterface(iid, &other));
+            EXPECT_EQ(InlineIsEqualGUID(iid, dataClass.iid) ? S_OK : E_NOINTERFACE, object->QueryInterface(iid, &other));
         }
     }
 }

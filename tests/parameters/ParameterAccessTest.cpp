@@ -1,7 +1,6 @@
 // Single parameters and lists: the conversion to the stored VARTYPE, what an
 // equal value leaves alone, deletion, the locked and protected flags, lists
 // of values and the arrays callers pass.
-#include <functional>
 #include <limits>
 #include "TestObject.h"
 #include "TestSupport.h"
@@ -13,27 +12,9 @@ const VARIANT_BOOL Y = VARIANT_TRUE, N = VARIANT_FALSE;
 typedef std::vector<VARIANT_BOOL> Flags;
 typedef HRESULT (STDMETHODCALLTYPE IFbInstanceData::*FlagOperation)(IFdtContext*, BSTR, SAFEARRAY**);
 
-class ParameterAccess : public StoreSession
+class ParameterAccess : public InstanceSession
 {
 protected:
-    void SetUp() override
-    {
-        StoreSession::SetUp();
-        ASSERT_EQ(L"1", NewInstance());
-    }
-    // A trailing byte after the record: a whole rewrite removes it, so it
-    // shows whether a stream was written and committed.
-    void AppendTrailer(const wchar_t* stream)
-    {
-        Bytes bytes = Stream(stream);
-        bytes.push_back(0xEE);
-        Replace(stream, bytes);
-    }
-    bool HasTrailer(const wchar_t* stream)
-    {
-        const Bytes bytes = Stream(stream);
-        return !bytes.empty() && bytes.back() == 0xEE;
-    }
     HRESULT Flag(FlagOperation operation, const Names& names)
     {
         SAFEARRAY* list = MakeBstrArray(names);
@@ -81,7 +62,8 @@ TEST_F(ParameterAccess, BadArgumentsChangeNothing)
 }
 
 // A write converts to the stored VARTYPE; an equal value is neither written
-// nor committed (a trailing byte shows whether the stream was rewritten).
+// nor committed (a trailing byte after the record shows whether the stream
+// was written anew).
 TEST_F(ParameterAccess, WritesConvertAndLeaveEqualValuesAlone)
 {
     _variant_t date(45000.5);
@@ -107,11 +89,13 @@ TEST_F(ParameterAccess, WritesConvertAndLeaveEqualValuesAlone)
         SCOPED_TRACE(i);
         const std::wstring name = L"p" + std::to_wstring(i), stream = L"1/" + std::to_wstring(i);
         ASSERT_EQ(S_OK, Define(name.c_str(), cases[i].stored));
-        AppendTrailer(stream.c_str());
+        Bytes bytes = Stream(stream.c_str());
+        bytes.push_back(0xEE);
+        Replace(stream.c_str(), bytes);
         TraceCapture trace;
         EXPECT_EQ(cases[i].result, Write(name.c_str(), cases[i].written));
         EXPECT_EQ(FAILED(cases[i].result), trace.Contains("FbInstanceData::WriteParameter can't convert type\n"));
-        EXPECT_EQ(cases[i].streamLeftAlone, HasTrailer(stream.c_str()));
+        EXPECT_EQ(cases[i].streamLeftAlone, Stream(stream.c_str()) == bytes);
         if (V_VT(&cases[i].after) != VT_ERROR)
             ExpectSame(cases[i].after, Read(name.c_str()));
     }
@@ -131,39 +115,29 @@ TEST_F(ParameterAccess, DeletedParameterKeepsItsNameAndStream)
     EXPECT_TRUE(Stream(L"1/2").empty());
 }
 
-// Each flag operation changes its own flag; the flags are kept, not enforced.
-TEST_F(ParameterAccess, EachFlagChangesOnItsOwn)
+// Each flag operation changes its own flag; the flags are kept, not
+// enforced. A flag already set commits nothing, so a failed write is not
+// committed along; a flag that changes commits, and no failed write is pending.
+TEST_F(ParameterAccess, Flags)
 {
     ComPtr<TestParameter> parameter = new TestParameter(L"p", BstrValue(L"value"), _variant_t(7L));
     parameter->mandatory = 1;   // any nonzero VARIANT_BOOL is true
     ASSERT_EQ(S_OK, Define(parameter.Get()));
-    const std::pair<FlagOperation, Flags> steps[] = {{&IFbInstanceData::LockParameter, {Y, N, Y, N}},
-                                                     {&IFbInstanceData::ProtectParameter, {Y, Y, Y, N}},
-                                                     {&IFbInstanceData::UnlockParameter, {N, Y, Y, N}},
-                                                     {&IFbInstanceData::ReleaseParameter, {N, N, Y, N}}};
-    for (const auto& step : steps)
-    {
-        ASSERT_EQ(S_OK, Flag(step.first, {L"p"}));
-        EXPECT_EQ(step.second, FlagsOf(L"p"));
-        EXPECT_EQ(S_OK, Write(L"p", BstrValue(L"changed")));
-    }
-}
-
-// A flag already set commits nothing, so a failed write is not committed
-// along; a flag that changes commits, and no failed write is pending.
-TEST_F(ParameterAccess, FlagsCommitOnlyTheirOwnChange)
-{
-    ASSERT_EQ(S_OK, Define(L"p", _variant_t(1L)));
     ASSERT_EQ(S_OK, Define(L"q", _variant_t(2L)));
-    ASSERT_EQ(S_OK, Flag(&IFbInstanceData::LockParameter, {L"p"}));
     _variant_t null;
     V_VT(&null) = VT_NULL;
-    for (FlagOperation operation : {&IFbInstanceData::LockParameter, &IFbInstanceData::UnlockParameter})
+    const std::pair<FlagOperation, Flags> steps[] = {
+        {&IFbInstanceData::LockParameter, {Y, N, Y, N}}, {&IFbInstanceData::LockParameter, {Y, N, Y, N}},
+        {&IFbInstanceData::ProtectParameter, {Y, Y, Y, N}}, {&IFbInstanceData::UnlockParameter, {N, Y, Y, N}},
+        {&IFbInstanceData::ReleaseParameter, {N, N, Y, N}}};
+    for (const auto& step : steps)
     {
         ASSERT_EQ(DISP_E_TYPEMISMATCH, Define(L"q", null));
-        EXPECT_EQ(S_OK, Flag(operation, {L"p"}));
+        ASSERT_EQ(S_OK, Flag(step.first, {L"p"}));
         Park();
+        EXPECT_EQ(step.second, FlagsOf(L"p"));
         EXPECT_EQ(_variant_t(2L), Read(L"q"));
+        EXPECT_EQ(S_OK, Write(L"p", BstrValue(L"changed")));
     }
     // A list that fails changes none of its names; the caller's array stays as it was, one-based bounds included.
     EXPECT_EQ(kNameUnknown, Flag(&IFbInstanceData::LockParameter, {L"p", L"missing", L"q"}));
@@ -227,43 +201,27 @@ TEST_F(ParameterAccess, CallerArraysOfTheWrongShape)
     SAFEARRAY* values = MakeValueArray({_variant_t(5L)});
     SAFEARRAY* names = MakeBstrArray({L"a"});
     SAFEARRAY* null = nullptr;
-    const struct
-    {
-        const char* what;
-        std::function<HRESULT(IFbInstanceData*, SAFEARRAY**)> call;
-    } operations[] = {
-        {"LockParameter", [&](IFbInstanceData* s, SAFEARRAY** list) { return s->LockParameter(nullptr, m_id, list); }},
-        {"ReadList", [&](IFbInstanceData* s, SAFEARRAY** list) {
-             SAFEARRAY* out = nullptr;
-             const HRESULT hr = s->ReadList(nullptr, m_id, list, &out);
-             EXPECT_EQ(nullptr, out);
-             return hr;
-         }},
-        {"WriteList names", [&](IFbInstanceData* s, SAFEARRAY** list) {
-             return s->WriteList(nullptr, m_id, list, &values);
-         }},
-        {"WriteList values", [&](IFbInstanceData* s, SAFEARRAY** list) {
-             // The value array in each shape: a BSTR array is the other kind.
-             SAFEARRAY** value = list == &twoDimensional ? &twoDimensionalValues : list == &values ? &names : list;
-             return s->WriteList(nullptr, m_id, &names, value);
-         }},
-        {"DefineGroup", [&](IFbInstanceData* s, SAFEARRAY** list) {
-             return s->DefineGroup(nullptr, m_id, _bstr_t(L"g"), 1, list);
-         }},
-    };
     const std::pair<const char*, SAFEARRAY**> arrays[] = {
         {"no pointer", nullptr}, {"null array", &null}, {"two dimensions", &twoDimensional}, {"other kind", &values}};
-    for (const auto& operation : operations)
-        for (const auto& array : arrays)
+    for (const auto& array : arrays)
+    {
+        SCOPED_TRACE(array.first);
+        SAFEARRAY** const list = array.second;
+        SAFEARRAY* const passed = list ? *list : nullptr;
+        // The value array in each shape: a BSTR array is the other kind.
+        SAFEARRAY** const valueList = list == &twoDimensional ? &twoDimensionalValues : list == &values ? &names : list;
+        SAFEARRAY* out = nullptr;
+        EXPECT_TRUE(FAILED(Store()->LockParameter(nullptr, m_id, list)));
+        EXPECT_TRUE(FAILED(Store()->ReadList(nullptr, m_id, list, &out)));
+        EXPECT_EQ(nullptr, out);
+        EXPECT_TRUE(FAILED(Store()->WriteList(nullptr, m_id, list, &values)));
+        EXPECT_TRUE(FAILED(Store()->WriteList(nullptr, m_id, &names, valueList)));
+        EXPECT_TRUE(FAILED(Store()->DefineGroup(nullptr, m_id, _bstr_t(L"g"), 1, list)));
+        if (list)
         {
-            SCOPED_TRACE(testing::Message() << operation.what << ": " << array.first);
-            SAFEARRAY* const passed = array.second ? *array.second : nullptr;
-            EXPECT_TRUE(FAILED(operation.call(Store(), array.second)));
-            if (array.second)
-            {
-                EXPECT_EQ(passed, *array.second);
-            }
+            EXPECT_EQ(passed, *list);
         }
+    }
     EXPECT_EQ(_variant_t(1L), Read(L"a"));
     EXPECT_EQ(N, FlagsOf(L"a")[0]);
     EXPECT_TRUE(All(&IFbInstanceData::GetAllGroups).empty());

@@ -1,6 +1,6 @@
-// Parameter streams and the value encoding: the file of the independent
-// byte check, every VARTYPE there and back, persisted
-// objects, values that have no stored form, and damaged streams.
+// Parameter streams and the value encoding: the file of the independent byte
+// check, every VARTYPE there and back, persisted objects, values that have no
+// stored form, and damaged streams.
 #include <olectl.h>
 #include "TestObject.h"
 #include "TestSupport.h"
@@ -9,15 +9,7 @@ namespace
 {
 const HRESULT kNotParameterStream = static_cast<HRESULT>(0x80043006);
 
-class ParameterStreams : public StoreSession
-{
-protected:
-    void SetUp() override
-    {
-        StoreSession::SetUp();
-        ASSERT_EQ(L"1", NewInstance());
-    }
-};
+using ParameterStreams = InstanceSession;
 
 // A stream of p: header and flags, then the rest as given.
 ByteBuilder Record(DWORD version = 1, DWORD kind = 2, const wchar_t* name = L"p")
@@ -120,7 +112,6 @@ TEST_F(ParameterStreams, ObjectsTravelInThePlatformPersistedForm)
     ASSERT_EQ(S_OK, font.As(&dispatch));
     ComPtr<TestParameter> parameter =
         new TestParameter(L"font", _variant_t(dispatch.Get()), _variant_t(static_cast<IUnknown*>(font.Get())));
-    parameter->index = 41;
     parameter->objectType = 42;
     ASSERT_EQ(S_OK, Define(parameter.Get()));
 
@@ -134,10 +125,9 @@ TEST_F(ParameterStreams, ObjectsTravelInThePlatformPersistedForm)
     EXPECT_EQ(S_OK, font->IsEqual(AsFont(V_DISPATCH(&value)).Get()));
     EXPECT_EQ(S_OK, font->IsEqual(AsFont(V_UNKNOWN(&stored)).Get()));
     // The fields after the objects are read from where the loads stopped.
-    LONG index = 0, objectType = 0;
-    info->get_m_index(&index), info->get_m_objectType(&objectType);
-    EXPECT_EQ(std::make_pair(41L, 42L), std::make_pair(index, objectType));
-
+    LONG objectType = 0;
+    info->get_m_objectType(&objectType);
+    EXPECT_EQ(42, objectType);
     // No object comes back as no object.
     const _variant_t none(static_cast<IDispatch*>(nullptr));
     ASSERT_EQ(S_OK, Define(L"none", none));
@@ -183,9 +173,7 @@ TEST_F(ParameterStreams, DamagedStreamsGiveTheirErrorAndMessage)
         {L"1/0", Record(1, 1), kNotParameterStream, "FbInstanceData::ReadPara stream isn't a group\n"},
         {L"1/0", Record(1, 2, L"q").U16(VT_I4).U32(5), E_FAIL, ": internal error 0xaa: "},
         {L"1/0", ByteBuilder().U32(1).U32(2).U32(0x7FFFFFF0), E_FAIL, failed},
-        {L"1/0", Bytes(), E_FAIL, failed},
         {L"1/0", Record(), E_FAIL, valueFailed},
-        {L"1/0", Record().U16(VT_I4).U16(5), E_FAIL, valueFailed},
         {L"1/0", Record().U16(VT_BSTR).U32(7).Str(L"abc"), E_FAIL, valueFailed},
         {L"1/0", Record().U16(VT_I8).Str(L"abc"), DISP_E_TYPEMISMATCH, valueFailed},
         // The value alone still reads; the whole record does not.
@@ -195,7 +183,6 @@ TEST_F(ParameterStreams, DamagedStreamsGiveTheirErrorAndMessage)
         // The stream name map: version, next stream number, count, then name, kind and number per entry.
         {L"1/map", ByteBuilder().U32(2).U32(1).U32(1).Str(L"p").U32(2).U32(0), E_FAIL,
          "FbInstanceData::ReadStreamNameMap invalid version\n"},
-        {L"1/map", ByteBuilder().U32(1).U32(1), E_FAIL, failed},
         {L"1/map", ByteBuilder().U32(1).U32(1).U32(0x7FFFFFFF).Str(L"p").U32(2).U32(0), E_FAIL, failed},
         {L"1/map", ByteBuilder().U32(1).U32(1).U32(1).U32(0x7FFFFFF0), E_FAIL, failed},
         {L"1/map", Bytes(), E_FAIL, failed},

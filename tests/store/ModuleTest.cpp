@@ -1,21 +1,11 @@
 // The module as a host sees it: class object, shared store object, lock count.
 #include <cstring>
-#include "PK_Trace.h"
 #include "TestSupport.h"
-
-namespace
-{
-ComPtr<IClassFactory> Factory()
-{
-    ComPtr<IClassFactory> factory;
-    EXPECT_EQ(S_OK, ServerModule::GetClassObject(CLSID_FbInstanceData, IID_PPV_ARGS(&factory)));
-    return factory;
-}
-}  // namespace
 
 TEST(Module, ClassObjectHandsOutOneSharedStore)
 {
-    ComPtr<IClassFactory> factory = Factory();
+    ComPtr<IClassFactory> factory;
+    ASSERT_EQ(S_OK, ServerModule::GetClassObject(CLSID_FbInstanceData, IID_PPV_ARGS(&factory)));
     ComPtr<IUnknown> first, secondIdentity;
     ComPtr<IInstanceDataMgr> second;
     ASSERT_EQ(S_OK, factory->CreateInstance(nullptr, IID_PPV_ARGS(&first)));
@@ -37,7 +27,7 @@ TEST(Module, RefusesUnknownClassesAndAggregationAndHonoursLockServer)
     EXPECT_EQ(CLASS_E_CLASSNOTAVAILABLE, ServerModule::GetClassObject(IID_IFbInstanceData, IID_PPV_ARGS(&factory)));
     EXPECT_FALSE(factory);
     EXPECT_EQ(E_POINTER, ServerModule::GetClassObject(CLSID_FbInstanceData, IID_IClassFactory, nullptr));
-    factory = Factory();
+    ASSERT_EQ(S_OK, ServerModule::GetClassObject(CLSID_FbInstanceData, IID_PPV_ARGS(&factory)));
     IUnknown* object = reinterpret_cast<IUnknown*>(1);
     EXPECT_EQ(CLASS_E_NOAGGREGATION, factory->CreateInstance(factory.Get(), IID_IUnknown, reinterpret_cast<void**>(&object)));
     EXPECT_EQ(nullptr, object);
@@ -46,7 +36,9 @@ TEST(Module, RefusesUnknownClassesAndAggregationAndHonoursLockServer)
     ASSERT_EQ(S_OK, factory->LockServer(TRUE));
     factory.Reset();
     EXPECT_EQ(S_FALSE, ServerModule::CanUnloadNow());
-    ASSERT_EQ(S_OK, Factory()->LockServer(FALSE));
+    ASSERT_EQ(S_OK, ServerModule::GetClassObject(CLSID_FbInstanceData, IID_PPV_ARGS(&factory)));
+    ASSERT_EQ(S_OK, factory->LockServer(FALSE));
+    factory.Reset();
     EXPECT_EQ(S_OK, ServerModule::CanUnloadNow());
 }
 
