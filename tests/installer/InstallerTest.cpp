@@ -12,8 +12,6 @@ using namespace child_process;
 
 namespace
 {
-const wchar_t kInstalledFiles[][20] = {L"InstanceData.dll", L"Pivka.dll", L"InstanceData.tlb"};
-
 std::wstring ProgramFiles(const wchar_t* folder)
 {
     wchar_t path[MAX_PATH];
@@ -58,35 +56,27 @@ void InstallFdtStandIns()
     SetEnvironmentVariableW(L"PATH", (std::wstring(path, length) + L";" + kFdtFolder).c_str());
 }
 
-class Installer : public testing::Test
+TEST(Installer, InstallRegistersTheClassAndUninstallRestoresRegistryAndFolder)
 {
-protected:
     // A run that stopped half-way, of this build or an earlier one (each
     // build is a product of its own), leaves nothing for this one.
-    void SetUp() override
+    wchar_t product[39], name[256];
+    for (DWORD index = 0; MsiEnumProductsW(index, product) == ERROR_SUCCESS; ++index)
     {
-        wchar_t product[39], name[256];
-        for (DWORD index = 0; MsiEnumProductsW(index, product) == ERROR_SUCCESS; ++index)
+        DWORD length = 256;
+        if (MsiGetProductInfoW(product, INSTALLPROPERTY_PRODUCTNAME, name, &length) == ERROR_SUCCESS &&
+            std::wstring(name) == L"Korvo VQ InstanceData")
         {
-            DWORD length = 256;
-            if (MsiGetProductInfoW(product, INSTALLPROPERTY_PRODUCTNAME, name, &length) == ERROR_SUCCESS &&
-                std::wstring(name) == L"Korvo VQ InstanceData")
-            {
-                ASSERT_EQ(0u, Msiexec((L"/x " + std::wstring(product)).c_str(), false));
-                index = DWORD(-1);    // the enumeration starts again
-            }
+            ASSERT_EQ(0u, Msiexec((L"/x " + std::wstring(product)).c_str(), false));
+            index = DWORD(-1);   // the enumeration starts again
         }
     }
-};
-
-TEST_F(Installer, InstallRegistersTheClassAndUninstallRestoresRegistryAndFolder)
-{
     ASSERT_TRUE(Exists(Package()));
     ASSERT_FALSE(Exists(kInstallFolder));
     const Lines before = Snapshot();
 
     ASSERT_EQ(0u, Msiexec(L"/i"));
-    for (const wchar_t* file : kInstalledFiles)
+    for (const wchar_t* file : {L"InstanceData.dll", L"Pivka.dll", L"InstanceData.tlb"})
         EXPECT_TRUE(Exists(kInstallFolder + L"\\" + file)) << file;
     const std::string server = ReadString(
         HKEY_CLASSES_ROOT, "CLSID\\{dccef494-6108-11d3-b23d-00c04f5124bf}\\InprocServer32", nullptr);
