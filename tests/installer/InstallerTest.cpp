@@ -39,9 +39,10 @@ bool Exists(const std::wstring& path)
     return GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES;
 }
 
-// The FDT installation: its registration component and interface library in
-// a folder of their own, and FdtEnlist on the program search path of every
-// process started from now on (msiexec and the regsvr32 it runs).
+// The FDT installation: the module list, its registration component and
+// interface library registered from a folder of their own, and FdtEnlist on
+// the program search path of every process started from now on (msiexec and
+// the regsvr32 it runs).
 void InstallFdtStandIns()
 {
     // Keys the installer service keeps once any product was installed.
@@ -50,7 +51,11 @@ void InstallFdtStandIns()
     CreateDirectoryW(kFdtFolder.c_str(), nullptr);
     for (const wchar_t* file : {L"FdtEnlist.exe", L"FdtRegisterComp.dll", L"FdtInterfaces.tlb"})
         CopyFileW((ProgramDirectory() + file).c_str(), (kFdtFolder + L"\\" + file).c_str(), FALSE);
-    RegisterFdtStandIns(kFdtFolder + L"\\");
+    CreateKey(HKEY_LOCAL_MACHINE, "Software\\Korvo\\FDT\\Modules");
+    ITypeLib* library = nullptr;
+    if (SUCCEEDED(LoadTypeLibEx((kFdtFolder + L"\\FdtInterfaces.tlb").c_str(), REGKIND_REGISTER, &library)))
+        library->Release();
+    Run(SystemProgram(L"regsvr32.exe") + L" /s \"" + kFdtFolder + L"\\FdtRegisterComp.dll\"");
     wchar_t path[32768];
     const DWORD length = GetEnvironmentVariableW(L"PATH", path, 32768);
     SetEnvironmentVariableW(L"PATH", (std::wstring(path, length) + L";" + kFdtFolder).c_str());

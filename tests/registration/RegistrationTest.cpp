@@ -124,6 +124,47 @@ TEST_F(Registration, RegisterWritesExactlyTheTableAndAgainDropsStaleEntries)
     EXPECT_EQ(ExpectedClassKey(m_path), Dump(HKEY_CLASSES_ROOT, kClassKey));
 }
 
+std::string Library(const std::string& iid)
+{
+    std::string library = ReadString(HKEY_CLASSES_ROOT, "Interface\\" + iid + "\\TypeLib", nullptr);
+    CharUpperBuffA(&library[0], static_cast<DWORD>(library.size()));
+    return library;
+}
+
+// regsvr32 of the server where the FDT library and registration component are
+// registered: unregistering what is not registered changes nothing, and while it
+// is registered (twice) only the module's keys differ from the unregistered state.
+TEST_F(Registration, Regsvr32ChangesOnlyTheModuleKeysAndUnregistrationRestoresAll)
+{
+    RegistrationComponent component;
+    CreateKey(HKEY_LOCAL_MACHINE, "Software\\Korvo\\FDT\\Modules");
+    // FdtEnlist is found in the current folder.
+    const auto regsvr32 = [](const wchar_t* switches) {
+        return child_process::Run(child_process::SystemProgram(L"regsvr32.exe") + switches + L" \"" +
+                                      ProgramDirectory() + L"InstanceData.dll\"",
+                                  ProgramDirectory().c_str());
+    };
+    ASSERT_EQ(0u, regsvr32(L" /s /u"));   // the module's library, as the program registered it at its start
+    // IFbInstanceData of the FDT library; a change of its interface keys is a change of the snapshot.
+    ASSERT_EQ("{BB09346A-CC8C-11D2-8F71-000000000000}", Library("{BB09346B-CC8C-11D2-8F71-000000000000}"));
+    const Lines before = Snapshot();
+    EXPECT_EQ(0u, regsvr32(L" /s /u"));
+    EXPECT_EQ(std::vector<std::string>{}, Changes(before, Snapshot()));
+    for (int time = 0; time < 2; ++time)
+    {
+        ASSERT_EQ(0u, regsvr32(L" /s"));
+        EXPECT_EQ(std::vector<std::string>{}, Changes(before, Snapshot(), kModuleKeys));
+        // The interfaces of the module's own library name it.
+        for (const std::string& key : kModuleKeys)
+            if (key.find("\\Interface\\") != std::string::npos)
+            {
+                EXPECT_EQ("{DCCEF493-6108-11D3-B23D-00C04F5124BF}", Library(key.substr(key.rfind('\\') + 1))) << key;
+            }
+    }
+    EXPECT_EQ(0u, regsvr32(L" /s /u"));
+    EXPECT_EQ(std::vector<std::string>{}, Changes(before, Snapshot()));
+}
+
 TEST_F(Registration, AModulePathWithASingleQuoteIsStoredSingle)
 {
     const std::wstring folder = TestFilesDirectory() + L"Korvo's server\\";

@@ -196,15 +196,4 @@ inline std::wstring SystemProgram(const wchar_t* name)
     const UINT length = GetSystemDirectoryW(directory, MAX_PATH);
     return L"\"" + std::wstring(directory, length) + L"\\" + name + L"\"";
 }
-
-// What the FDT installation registers from its folder before any module
-// enlists: the module list, the interface library and the registration component.
-inline void RegisterFdtStandIns(const std::wstring& folder)
-{
-    registry::CreateKey(HKEY_LOCAL_MACHINE, "Software\\Korvo\\FDT\\Modules");
-    ITypeLib* library = nullptr;
-    if (SUCCEEDED(LoadTypeLibEx((folder + L"FdtInterfaces.tlb").c_str(), REGKIND_REGISTER, &library)))
-        library->Release();
-    Run(SystemProgram(L"regsvr32.exe") + L" /s \"" + folder + L"FdtRegisterComp.dll\"");
-}
 }  // namespace child_process
