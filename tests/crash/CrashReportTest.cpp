@@ -24,21 +24,16 @@ public:
         DeleteFileW(m_traceFile.c_str());
         // The child copies the environment when it is made; this process's own trace stays here.
         SetEnvironmentVariableW(L"PIVKA_TRACE_FILE", m_traceFile.c_str());
-        std::wstring commandLine = L"\"" + kProgram + L"\"";
         STARTUPINFOW startup = {sizeof startup};
-        if (!CreateProcessW(kProgram.c_str(), &commandLine[0], nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup,
-                            &m_process))
-            m_process = {};
+        CreateProcessW(kProgram.c_str(), nullptr, nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup, &m_process);
         SetEnvironmentVariableW(L"PIVKA_TRACE_FILE", nullptr);
     }
     ~CrashProcess()
     {
         TerminateProcess(m_process.hProcess, 1);   // fails when it has ended
         WaitForSingleObject(m_process.hProcess, 10000);
-        CloseHandle(m_process.hThread);
-        CloseHandle(m_process.hProcess);
+        CloseHandle(m_process.hThread), CloseHandle(m_process.hProcess);
     }
-    DWORD Id() const { return m_process.dwProcessId; }
     bool IsRunning() const { return WaitForSingleObject(m_process.hProcess, 0) == WAIT_TIMEOUT; }
     // STILL_ACTIVE when the program did not end in time.
     DWORD ExitCode(DWORD milliseconds) const
@@ -54,20 +49,18 @@ public:
         return std::string(std::istreambuf_iterator<char>(file), {});
     }
 
+    PROCESS_INFORMATION m_process = {};
+
 private:
     std::wstring m_traceFile;
-    PROCESS_INFORMATION m_process = {};
 };
 
 // One crash without a display (the box returns at once) for all the checks of its report.
 struct Crash { DWORD exitCode; std::string report; };
 const Crash& TheCrash()
 {
-    static const Crash crash = [] {
-        CrashProcess program(L"crash_report.txt");
-        const DWORD exitCode = program.ExitCode(60000);
-        return Crash{exitCode, program.Trace()};
-    }();
+    static CrashProcess program(L"crash_report.txt");
+    static const Crash crash = {program.ExitCode(60000), program.Trace()};
     return crash;
 }
 
@@ -190,7 +183,7 @@ TEST(ErrorBox, StaysUntilOkIsPressedThenTheReportIsWritten)
         {
             DWORD owner = 0;
             GetWindowThreadProcessId(window, &owner);
-            box = owner == program.Id() && IsWindowVisible(window) ? window : nullptr;
+            box = owner == program.m_process.dwProcessId && IsWindowVisible(window) ? window : nullptr;
         }
     ASSERT_NE(nullptr, box);
 

@@ -12,8 +12,6 @@ using namespace child_process;
 
 namespace
 {
-const wchar_t kInstalledFiles[][20] = {L"InstanceData.dll", L"Pivka.dll", L"InstanceData.tlb"};
-
 std::wstring ProgramFiles(const wchar_t* folder)
 {
     wchar_t path[MAX_PATH];
@@ -41,9 +39,10 @@ bool Exists(const std::wstring& path)
     return GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES;
 }
 
-// The FDT installation: its registration component and interface library in
-// a folder of their own, and FdtEnlist on the program search path of every
-// process started from now on (msiexec and the regsvr32 it runs).
+// The FDT installation: the module list, its registration component and
+// interface library registered from a folder of their own, and FdtEnlist on
+// the program search path of every process started from now on (msiexec and
+// the regsvr32 it runs).
 void InstallFdtStandIns()
 {
     // Keys the installer service keeps once any product was installed.
@@ -52,41 +51,37 @@ void InstallFdtStandIns()
     CreateDirectoryW(kFdtFolder.c_str(), nullptr);
     for (const wchar_t* file : {L"FdtEnlist.exe", L"FdtRegisterComp.dll", L"FdtInterfaces.tlb"})
         CopyFileW((ProgramDirectory() + file).c_str(), (kFdtFolder + L"\\" + file).c_str(), FALSE);
-    RegisterFdtStandIns(kFdtFolder + L"\\");
+    CreateKey(HKEY_LOCAL_MACHINE, "Software\\Korvo\\FDT\\Modules");
+    ITypeLib* library = nullptr;
+    if (SUCCEEDED(LoadTypeLibEx((kFdtFolder + L"\\FdtInterfaces.tlb").c_str(), REGKIND_REGISTER, &library)))
+        library->Release();
+    Run(SystemProgram(L"regsvr32.exe") + L" /s \"" + kFdtFolder + L"\\FdtRegisterComp.dll\"");
     wchar_t path[32768];
     const DWORD length = GetEnvironmentVariableW(L"PATH", path, 32768);
     SetEnvironmentVariableW(L"PATH", (std::wstring(path, length) + L";" + kFdtFolder).c_str());
 }
 
-class Installer : public testing::Test
+TEST(Installer, InstallRegistersTheClassAndUninstallRestoresRegistryAndFolder)
 {
-protected:
     // A run that stopped half-way, of this build or an earlier one (each
     // build is a product of its own), leaves nothing for this one.
-    void SetUp() override
+    wchar_t product[39], name[256];
+    for (DWORD index = 0; MsiEnumProductsW(index, product) == ERROR_SUCCESS; ++index)
     {
-        wchar_t product[39], name[256];
-        for (DWORD index = 0; MsiEnumProductsW(index, product) == ERROR_SUCCESS; ++index)
+        DWORD length = 256;
+        if (MsiGetProductInfoW(product, INSTALLPROPERTY_PRODUCTNAME, name, &length) == ERROR_SUCCESS &&
+            std::wstring(name) == L"Korvo VQ InstanceData")
         {
-            DWORD length = 256;
-            if (MsiGetProductInfoW(product, INSTALLPROPERTY_PRODUCTNAME, name, &length) == ERROR_SUCCESS &&
-                std::wstring(name) == L"Korvo VQ InstanceData")
-            {
-                ASSERT_EQ(0u, Msiexec((L"/x " + std::wstring(product)).c_str(), false));
-                index = DWORD(-1);    // the enumeration starts again
-            }
+            ASSERT_EQ(0u, Msiexec((L"/x " + std::wstring(product)).c_str(), false));
+            index = DWORD(-1);   // the enumeration starts again
         }
     }
-};
-
-TEST_F(Installer, InstallRegistersTheClassAndUninstallRestoresRegistryAndFolder)
-{
     ASSERT_TRUE(Exists(Package()));
     ASSERT_FALSE(Exists(kInstallFolder));
     const Lines before = Snapshot();
 
     ASSERT_EQ(0u, Msiexec(L"/i"));
-    for (const wchar_t* file : kInstalledFiles)
+    for (const wchar_t* file : {L"InstanceData.dll", L"Pivka.dll", L"InstanceData.tlb"})
         EXPECT_TRUE(Exists(kInstallFolder + L"\\" + file)) << file;
     const std::string server = ReadString(
         HKEY_CLASSES_ROOT, "CLSID\\{dccef494-6108-11d3-b23d-00c04f5124bf}\\InprocServer32", nullptr);

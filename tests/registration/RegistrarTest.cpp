@@ -39,9 +39,10 @@ protected:
     }
 };
 
-TEST_F(RegistrarScript, ValuesOfEveryTypeRoundTripAndUnregisterRemovesThem)
+// Replacements ignore case, keep their quotes and backslashes; "%%" is one percent sign.
+TEST_F(RegistrarScript, ValuesOfEveryTypeAndReplacementsRoundTripAndUnregisterRemovesThem)
 {
-    const std::string body =
+    const std::string script = InTestKey(
         "Values = s 'default text'\r\n"
         "{\r\n"
         "\tval Text = s 'It''s here'\r\n"
@@ -49,27 +50,21 @@ TEST_F(RegistrarScript, ValuesOfEveryTypeRoundTripAndUnregisterRemovesThem)
         "\tval Small = d 123\r\n"
         "\tval Bytes = b '00ff10AB'\r\n"
         "\tval Empty = b ''\r\n"
+        "\tval Upper = s '%MODULE%' val Lower = s '%module%' val Percent = s '100%%'\r\n"
         "\t'Quoted ''Name''' = s 'with spaces'\r\n"
         "\t'Val'\r\n"
-        "}";
-    ASSERT_EQ(S_OK, Run(body, true));
-    EXPECT_EQ((Lines{"", R"(|@="default text")", R"(|"Text"="It's here")", R"(|"Number"=dword:ffffffff)",
-                     R"(|"Small"=dword:0000007b)", R"(|"Bytes"=hex:00,ff,10,ab)", R"(|"Empty"=hex:)", "Quoted 'Name'",
-                     R"(Quoted 'Name'|@="with spaces")", "Val"}),
-              Dump(HKEY_CURRENT_USER, Key("Values")));
-
-    ASSERT_EQ(S_OK, Run(body, false));
-    EXPECT_EQ(kUntouched, Dump(HKEY_CURRENT_USER, kRoot));
-}
-
-TEST_F(RegistrarScript, ReplacementsIgnoreCaseAndPercentIsDoubled)
-{
+        "}");
     CRegistrar registrar;
     registrar.AddReplacement("Module", "C:\\It''s\\a.dll");
-    const std::string script = InTestKey("Rep = s '%MODULE%' { val Lower = s '%module%' val Percent = s '100%%' }");
     ASSERT_EQ(S_OK, registrar.RunScript(script.c_str(), true));
-    EXPECT_EQ((Lines{"", R"(|@="C:\\It's\\a.dll")", R"(|"Lower"="C:\\It's\\a.dll")", R"(|"Percent"="100%")"}),
-              Dump(HKEY_CURRENT_USER, Key("Rep")));
+    EXPECT_EQ((Lines{"", R"(|@="default text")", R"(|"Text"="It's here")", R"(|"Number"=dword:ffffffff)",
+                     R"(|"Small"=dword:0000007b)", R"(|"Bytes"=hex:00,ff,10,ab)", R"(|"Empty"=hex:)",
+                     R"(|"Upper"="C:\\It's\\a.dll")", R"(|"Lower"="C:\\It's\\a.dll")", R"(|"Percent"="100%")",
+                     "Quoted 'Name'", R"(Quoted 'Name'|@="with spaces")", "Val"}),
+              Dump(HKEY_CURRENT_USER, Key("Values")));
+
+    ASSERT_EQ(S_OK, registrar.RunScript(script.c_str(), false));
+    EXPECT_EQ(kUntouched, Dump(HKEY_CURRENT_USER, kRoot));
 }
 
 // A failing root block is walked again in unregister mode up to where it

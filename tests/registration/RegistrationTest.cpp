@@ -7,7 +7,6 @@
 #include <regex>
 #include "FdtCommon/FdtExtensions.h"
 #include "RegistrySnapshot.h"
-#include "TestSupport.h"
 
 using namespace registry;
 
@@ -50,46 +49,33 @@ std::string ReadModuleList(const char* name) { return ReadString(HKEY_LOCAL_MACH
 
 // An environment variable of this process (and so of the FdtEnlist it
 // starts), removed again at the end of the scope.
-class ScopedEnvironment
+struct ScopedEnvironment
 {
-public:
-    ScopedEnvironment(const wchar_t* name, const std::wstring& value) : m_name(name)
+    ScopedEnvironment(const wchar_t* name, const std::wstring& value) : name(name)
     {
         SetEnvironmentVariableW(name, value.c_str());
     }
-    ~ScopedEnvironment() { SetEnvironmentVariableW(m_name, nullptr); }
-
-private:
-    const wchar_t* m_name;
+    ~ScopedEnvironment() { SetEnvironmentVariableW(name, nullptr); }
+    const wchar_t* name;
 };
 
-// The lines "<kind> ..." that FdtEnlist logged ("pid <n>", "args <command line>").
-std::vector<std::string> Logged(const std::wstring& log, const std::string& kind)
+// The command lines that FdtEnlist logged ("args <command line>").
+std::vector<std::string> Arguments(const std::wstring& log)
 {
     std::vector<std::string> entries;
     std::ifstream in(log.c_str());
     for (std::string line; std::getline(in, line);)
-        if (line.compare(0, kind.size() + 1, kind + " ") == 0)
-            entries.push_back(line.substr(kind.size() + 1));
+        if (line.compare(0, 5, "args ") == 0)
+            entries.push_back(line.substr(5));
     return entries;
 }
 
 // The stand-in registration component, registered while it lives.
-class RegistrationComponent
+struct RegistrationComponent
 {
-public:
-    RegistrationComponent() : m_module(LoadLibraryW((ProgramDirectory() + L"FdtRegisterComp.dll").c_str()))
-    {
-        EXPECT_EQ(S_OK, CallExport("DllRegisterServer", m_module));
-    }
-    ~RegistrationComponent()
-    {
-        CallExport("DllUnregisterServer", m_module);
-        FreeLibrary(m_module);
-    }
-
-private:
-    HMODULE m_module;
+    RegistrationComponent() { EXPECT_EQ(S_OK, CallExport("DllRegisterServer", module)); }
+    ~RegistrationComponent() { CallExport("DllUnregisterServer", module), FreeLibrary(module); }
+    const HMODULE module = LoadLibraryW((ProgramDirectory() + L"FdtRegisterComp.dll").c_str());
 };
 
 // Leaves no trace of the server's registration and gives the type
@@ -136,6 +122,47 @@ TEST_F(Registration, RegisterWritesExactlyTheTableAndAgainDropsStaleEntries)
     WriteString(HKEY_CLASSES_ROOT, kClassKey + "\\InprocServer32", "Stale", "old");
     ASSERT_EQ(S_OK, CallExport("DllRegisterServer"));
     EXPECT_EQ(ExpectedClassKey(m_path), Dump(HKEY_CLASSES_ROOT, kClassKey));
+}
+
+std::string Library(const std::string& iid)
+{
+    std::string library = ReadString(HKEY_CLASSES_ROOT, "Interface\\" + iid + "\\TypeLib", nullptr);
+    CharUpperBuffA(&library[0], static_cast<DWORD>(library.size()));
+    return library;
+}
+
+// regsvr32 of the server where the FDT library and registration component are
+// registered: unregistering what is not registered changes nothing, and while it
+// is registered (twice) only the module's keys differ from the unregistered state.
+TEST_F(Registration, Regsvr32ChangesOnlyTheModuleKeysAndUnregistrationRestoresAll)
+{
+    RegistrationComponent component;
+    CreateKey(HKEY_LOCAL_MACHINE, "Software\\Korvo\\FDT\\Modules");
+    // FdtEnlist is found in the current folder.
+    const auto regsvr32 = [](const wchar_t* switches) {
+        return child_process::Run(child_process::SystemProgram(L"regsvr32.exe") + switches + L" \"" +
+                                      ProgramDirectory() + L"InstanceData.dll\"",
+                                  ProgramDirectory().c_str());
+    };
+    ASSERT_EQ(0u, regsvr32(L" /s /u"));   // the module's library, as the program registered it at its start
+    // IFbInstanceData of the FDT library; a change of its interface keys is a change of the snapshot.
+    ASSERT_EQ("{BB09346A-CC8C-11D2-8F71-000000000000}", Library("{BB09346B-CC8C-11D2-8F71-000000000000}"));
+    const Lines before = Snapshot();
+    EXPECT_EQ(0u, regsvr32(L" /s /u"));
+    EXPECT_EQ(std::vector<std::string>{}, Changes(before, Snapshot()));
+    for (int time = 0; time < 2; ++time)
+    {
+        ASSERT_EQ(0u, regsvr32(L" /s"));
+        EXPECT_EQ(std::vector<std::string>{}, Changes(before, Snapshot(), kModuleKeys));
+        // The interfaces of the module's own library name it.
+        for (const std::string& key : kModuleKeys)
+            if (key.find("\\Interface\\") != std::string::npos)
+            {
+                EXPECT_EQ("{DCCEF493-6108-11D3-B23D-00C04F5124BF}", Library(key.substr(key.rfind('\\') + 1))) << key;
+            }
+    }
+    EXPECT_EQ(0u, regsvr32(L" /s /u"));
+    EXPECT_EQ(std::vector<std::string>{}, Changes(before, Snapshot()));
 }
 
 TEST_F(Registration, AModulePathWithASingleQuoteIsStoredSingle)
@@ -198,12 +225,13 @@ TEST(LaunchEnlistServer, ArgumentsFollowTheKindAndTheRegisterFlag)
     EXPECT_EQ(std::vector<std::string>{"Start " + longLine + " (C:\\m.dll)\n"}, trace.Lines());
     EXPECT_EQ((std::vector<std::string>{"FdtEnlist /i /" + kClassId + " /s /u", "FdtEnlist /d /" + kClassId + " /s",
                                         "FdtEnlist /c /" + kClassId + " /s", longLine}),
-              Logged(log, "args"));
+              Arguments(log));
     EXPECT_EQ(E_POINTER, LaunchEnlistServer("C:\\m.dll", nullptr));
     EXPECT_EQ(E_POINTER, LaunchEnlistServer(nullptr, ""));
 }
 
-TEST_F(Registration, WithoutTheRegistrationComponentTheCreationFailureIsTheResult)
+// Without the component its creation failure is the result.
+TEST_F(Registration, StoreRegisterHandsTheModuleDescriptionToTheComponent)
 {
     RegDeleteTreeA(HKEY_CLASSES_ROOT, "Korvo.VQ.FdtEnlist.FdtRegisterComp");
     RegDeleteTreeA(HKEY_CLASSES_ROOT, "CLSID\\{327AF1C4-36D2-4164-966B-3EE57B14E4ED}");
@@ -212,15 +240,9 @@ TEST_F(Registration, WithoutTheRegistrationComponentTheCreationFailureIsTheResul
     EXPECT_EQ(REGDB_E_CLASSNOTREG, store->Register());
     EXPECT_EQ(REGDB_E_CLASSNOTREG, store->Unregister());
     EXPECT_EQ(Lines{}, Dump(HKEY_LOCAL_MACHINE, kModuleListEntry));
-}
 
-TEST_F(Registration, RegisterHandsTheModuleDescriptionToTheComponent)
-{
     RegistrationComponent component;
-    ComPtr<IFbInstanceData> store = CreateStore();
-    ASSERT_TRUE(store);
     ASSERT_EQ(S_OK, store->Register());
-
     // Vendor, version and build time come from the module's version resource.
     EXPECT_FALSE(ReadModuleList("Vendor").empty());
     EXPECT_TRUE(std::regex_match(ReadModuleList("Version"), std::regex("[0-9]+\\.[0-9]+(\\.[0-9]+\\.[0-9]+)?")))

@@ -1,19 +1,16 @@
 #pragma once
-// The registry as the registration tests read it back (with the registry API,
-// never through the script engine), and the programs they run.
-//
-// A branch is saved to a file in one call (RegSaveKey) and read back: walking
-// the ten thousand keys of the classes root one call at a time takes half a
-// minute under Wine. One line per key and per value, in Wine's registry format
-// without time stamps: "Sub\Inner" and "Sub\Inner|"name"="text"" ("" is the
-// branch itself).
+// The registry as the registration tests read it back, and the programs they
+// run. A branch is saved in one call (RegSaveKey: walking the classes root key
+// by key takes half a minute under Wine) and read back as one line per key and
+// value: "Sub\Inner" and "Sub\Inner|"name"="text"" ("" is the branch itself).
 #include <windows.h>
-#include <ole2.h>
+#include <algorithm>
 #include <fstream>
 #include <set>
 #include <string>
 #include <tuple>
 #include <vector>
+#include "TestSupport.h"
 
 namespace registry
 {
@@ -23,14 +20,12 @@ using Lines = std::set<std::string>;
 inline bool EnableBackupPrivilege()
 {
     HANDLE token = nullptr;
-    if (!OpenProcessToken(GetCurrentProcess(), TOKEN_ADJUST_PRIVILEGES | TOKEN_QUERY, &token))
+    TOKEN_PRIVILEGES privileges = {1, {{{}, SE_PRIVILEGE_ENABLED}}};
+    if (!OpenProcessToken(GetCurrentProcess(), TOKEN_ADJUST_PRIVILEGES, &token))
         return false;
-    TOKEN_PRIVILEGES privileges = {1};
-    privileges.Privileges[0].Attributes = SE_PRIVILEGE_ENABLED;
     if (LookupPrivilegeValueW(nullptr, L"SeBackupPrivilege", &privileges.Privileges[0].Luid))
         AdjustTokenPrivileges(token, FALSE, &privileges, 0, nullptr, nullptr);
-    CloseHandle(token);
-    return true;
+    return CloseHandle(token);
 }
 
 // Adds the line of key name and, as Wine saves no line for a key that has
@@ -44,15 +39,16 @@ inline void AddKey(Lines& lines, const std::string& prefix, std::string name)
     }
 }
 
-// Adds the lines of root\path (none when it does not exist), each after
-// prefix; top-level file types are left out. view: KEY_WOW64_32KEY,
-// KEY_WOW64_64KEY or 0 for the program's own.
-inline void Read(HKEY root, const std::string& path, Lines& lines, const std::string& prefix = "", REGSAM view = 0)
+// The lines of root\path (none when it does not exist), each after prefix;
+// top-level file types are left out. view: KEY_WOW64_32KEY, KEY_WOW64_64KEY
+// or 0 for the program's own.
+inline Lines Dump(HKEY root, const std::string& path, const std::string& prefix = "", REGSAM view = 0)
 {
     static const bool privileged = EnableBackupPrivilege();
+    Lines lines;
     HKEY key = nullptr;
     if (!privileged || RegOpenKeyExA(root, path.c_str(), 0, KEY_READ | view, &key) != ERROR_SUCCESS)
-        return;
+        return lines;
     wchar_t directory[MAX_PATH], file[MAX_PATH];
     GetTempPathW(MAX_PATH, directory);
     GetTempFileNameW(directory, L"reg", 0, file);
@@ -84,12 +80,6 @@ inline void Read(HKEY root, const std::string& path, Lines& lines, const std::st
     }
     in.close();
     DeleteFileW(file);
-}
-
-inline Lines Dump(HKEY root, const std::string& path)
-{
-    Lines lines;
-    Read(root, path, lines);
     return lines;
 }
 
@@ -112,7 +102,7 @@ inline std::string ReadString(HKEY root, const std::string& path, const char* na
 inline void CreateKey(HKEY root, const char* path)
 {
     HKEY key = nullptr;
-    if (RegCreateKeyExA(root, path, 0, nullptr, 0, KEY_WRITE, nullptr, &key, nullptr) == ERROR_SUCCESS)
+    if (RegCreateKeyA(root, path, &key) == ERROR_SUCCESS)
         RegCloseKey(key);
 }
 
@@ -127,12 +117,11 @@ inline void WriteString(HKEY root, const std::string& path, const char* name, co
 // module list in both views.
 inline Lines Snapshot()
 {
-    Lines lines;
-    Read(HKEY_CLASSES_ROOT, "", lines, "HKCR\\");
     const std::string modules = "Korvo\\FDT\\Modules";
-    Read(HKEY_LOCAL_MACHINE, "Software\\" + modules, lines, "HKLM\\Software\\" + modules + "\\", KEY_WOW64_64KEY);
-    Read(HKEY_LOCAL_MACHINE, "Software\\" + modules, lines, "HKLM\\Software\\Wow6432Node\\" + modules + "\\",
-         KEY_WOW64_32KEY);
+    Lines lines = Dump(HKEY_CLASSES_ROOT, "", "HKCR\\");
+    lines.merge(Dump(HKEY_LOCAL_MACHINE, "Software\\" + modules, "HKLM\\Software\\" + modules + "\\", KEY_WOW64_64KEY));
+    lines.merge(Dump(HKEY_LOCAL_MACHINE, "Software\\" + modules, "HKLM\\Software\\Wow6432Node\\" + modules + "\\",
+                     KEY_WOW64_32KEY));
     return lines;
 }
 
@@ -171,13 +160,9 @@ inline std::vector<std::string> Changes(const Lines& before, const Lines& after,
     for (const auto& [from, to, sign] :
          {std::make_tuple(&before, &after, "- "), std::make_tuple(&after, &before, "+ ")})
         for (const std::string& line : *from)
-        {
-            bool owned = false;
-            for (const std::string& key : keys)
-                owned = owned || IsUnder(line, key);
-            if (!to->count(line) && !owned)
+            if (!to->count(line) &&
+                std::none_of(keys.begin(), keys.end(), [&](const std::string& key) { return IsUnder(line, key); }))
                 changes.push_back(sign + line);
-        }
     return changes;
 }
 }  // namespace registry
@@ -210,24 +195,5 @@ inline std::wstring SystemProgram(const wchar_t* name)
     wchar_t directory[MAX_PATH];
     const UINT length = GetSystemDirectoryW(directory, MAX_PATH);
     return L"\"" + std::wstring(directory, length) + L"\\" + name + L"\"";
-}
-
-// The folder of this program, with a trailing backslash.
-inline std::wstring ProgramDirectory()
-{
-    wchar_t path[MAX_PATH];
-    const std::wstring program(path, GetModuleFileNameW(nullptr, path, MAX_PATH));
-    return program.substr(0, program.find_last_of(L"\\/") + 1);
-}
-
-// What the FDT installation registers from its folder before any module
-// enlists: the module list, the interface library and the registration component.
-inline void RegisterFdtStandIns(const std::wstring& folder)
-{
-    registry::CreateKey(HKEY_LOCAL_MACHINE, "Software\\Korvo\\FDT\\Modules");
-    ITypeLib* library = nullptr;
-    if (SUCCEEDED(LoadTypeLibEx((folder + L"FdtInterfaces.tlb").c_str(), REGKIND_REGISTER, &library)))
-        library->Release();
-    Run(SystemProgram(L"regsvr32.exe") + L" /s \"" + folder + L"FdtRegisterComp.dll\"");
 }
 }  // namespace child_process
