@@ -402,13 +402,21 @@ HRESULT FbInstanceData::AllocateStreamName(BSTR instanceId, bool group)
     // exists without an entry.
     DWORD number = m_streamNameMap.nextStreamNumber;
     if (!m_streamNameMap.entries.empty() && number <= m_highestStreamNumber)
-        number = m_highestStreamNumber + 1;
+        number = m_highestStreamNumber == MAXDWORD ? MAXDWORD : m_highestStreamNumber + 1;
     ComPtr<IStorage> storage;
     RETURN_IF_FAILED_QUIET(OpenInstanceStorage(instanceId, storage.GetAddressOf()));
     m_element = RecordStream();
     m_element.storage = storage;
     for (;; ++number)
     {
+        // The last number would wrap the counter to 0, before the numbers in use.
+        if (number == MAXDWORD)
+        {
+            g_StdPkTraceInstance.Trace(CPkTrace::LevelError,
+                                       "FbInstanceData::AllocateStreamName no stream number is left in instance %ls\n",
+                                       instanceId);
+            return E_FAIL;
+        }
         _ultow(number, m_szStreamName, 10);
         const HRESULT hr = storage->CreateStream(m_szStreamName, IDS_STREAM_MODE | STGM_FAILIFTHERE, 0, 0,
                                                  m_element.stream.ReleaseAndGetAddressOf());

@@ -179,8 +179,15 @@ HRESULT FbInstanceData::CreateInstanceStorage(DWORD& number, ComPtr<IStorage>& s
     // A next number that lags behind the elements of the root (a damaged
     // file, or one written by another program) must not reopen and empty an
     // existing instance: every name in use is skipped.
-    for (number = m_admin.nextInstanceNumber; number; ++number)
+    for (number = m_admin.nextInstanceNumber;; ++number)
     {
+        // The last number would wrap the next one to 0, which hides every
+        // instance from the instance list: no number is left.
+        if (number == MAXDWORD)
+        {
+            g_StdPkTraceInstance.Trace(CPkTrace::LevelError, "FbInstanceData::Create no instance number is left\n");
+            return E_FAIL;
+        }
         WCHAR digits[16];
         _ultow(number, digits, 10);
         const HRESULT hr = m_pRootStorage->CreateStorage(digits, IDS_STORAGE_MODE | STGM_FAILIFTHERE, 0, 0,
@@ -195,7 +202,6 @@ HRESULT FbInstanceData::CreateInstanceStorage(DWORD& number, ComPtr<IStorage>& s
                                        static_cast<unsigned long>(number));
         return S_OK;
     }
-    return TraceErrorLine(THIS_FILE, __LINE__, E_FAIL);
 }
 
 STDMETHODIMP FbInstanceData::Create(IFdtContext*, IFdtDtmDescriptor* DtmDescriptor,
