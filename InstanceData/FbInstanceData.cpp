@@ -250,10 +250,28 @@ HRESULT RecordStream::Save(const Bytes& record, bool commit)
     return S_OK;
 }
 
+void FbInstanceData::TakeBackRewrittenRecords()
+{
+    // Latest first: a record rewritten twice ends with what it held first.
+    for (auto record = m_rewritten.rbegin(); record != m_rewritten.rend(); ++record)
+    {
+        ComPtr<IStream> stream;
+        HRESULT hr = record->storage->OpenStream(record->name.c_str(), nullptr, IDS_STREAM_MODE, 0, &stream);
+        if (SUCCEEDED(hr))
+            hr = WriteWholeStream(stream.Get(), record->before, record->size, 0);
+        if (SUCCEEDED(hr))
+            hr = record->storage->Commit(STGC_DEFAULT);
+        if (FAILED(hr))
+            TraceErrorLine(THIS_FILE, __LINE__, hr);
+    }
+    m_rewritten.clear();
+}
+
 HRESULT FbInstanceData::ReadRecord(BSTR instanceId, const wchar_t* name, bool create, RecordStream& record)
 {
     record = RecordStream();
     RETURN_IF_FAILED_QUIET(OpenInstanceStorage(instanceId, record.storage.GetAddressOf()));
+    record.name = name;
     HRESULT hr = record.storage->OpenStream(name, nullptr, IDS_STREAM_MODE, 0, record.stream.GetAddressOf());
     if (hr == STG_E_FILENOTFOUND && create)
         hr = record.storage->CreateStream(name, IDS_STREAM_MODE | STGM_FAILIFTHERE, 0, 0, record.stream.GetAddressOf());

@@ -7,6 +7,7 @@
 #include <wrl/client.h>
 #include <map>
 #include <utility>
+#include <string>
 #include <vector>
 #include "InstanceDataIdl.h"
 #include "DispatchImpl.h"
@@ -49,6 +50,7 @@ struct RecordStream
 {
     Microsoft::WRL::ComPtr<IStorage> storage;
     Microsoft::WRL::ComPtr<IStream> stream;
+    std::wstring name;   // of a stream that was read
     Bytes bytes;
     size_t headEnd = 0;   // where the part read last ended
 
@@ -161,11 +163,13 @@ private:
     // failure leaves the cached instance storage without pending changes.
     template <class Body>
     HRESULT Operation(const char* file, int line, Body&& body);
-    // Runs body, which writes records of one instance, with their commits
-    // held back: the instance storage is committed once at the end, and a
-    // failure anywhere reverts every record that body wrote (Operation).
+    // Runs body, which rewrites records of one instance, all or nothing: when
+    // body fails, every record it rewrote gets back what it held. Each record
+    // is still committed as it is written (one commit at the end is several
+    // times slower for many records under Wine's transacted storages).
     template <class Body>
-    HRESULT OneCommit(Body&& body);
+    HRESULT AllOrNothing(Body&& body);
+    void TakeBackRewrittenRecords();
     // Drops the cached instance storage and stream name map when they belong
     // to instanceId (any instance for null), so that nothing destroyed or
     // replaced is used again.
@@ -218,8 +222,18 @@ private:
     RecordStream m_adminStream;        // the "admin" stream, while an operation runs
     RecordStream m_element;            // the parameter or group stream of the operation
     bool m_bElementNew = false;        // m_element was just allocated
-    int m_heldCommits = 0;             // depth of OneCommit
-    Microsoft::WRL::ComPtr<IStorage> m_uncommitted;   // written under OneCommit, not yet committed
+    // Records rewritten under AllOrNothing, with what they held before.
+    struct RewrittenRecord
+    {
+        // The storage, not the stream: a failing operation inside reverts the
+        // storage, which ends the streams opened in it.
+        Microsoft::WRL::ComPtr<IStorage> storage;
+        std::wstring name;
+        Bytes before;
+        size_t size;   // of the record written
+    };
+    std::vector<RewrittenRecord> m_rewritten;
+    int m_allOrNothingDepth = 0;
 };
 
 template <class Body>
@@ -249,22 +263,21 @@ HRESULT FbInstanceData::Operation(const char* file, int line, Body&& body)
 }
 
 template <class Body>
-HRESULT FbInstanceData::OneCommit(Body&& body)
+HRESULT FbInstanceData::AllOrNothing(Body&& body)
 {
     struct Depth
     {
         FbInstanceData& store;
         ~Depth()
         {
-            if (!--store.m_heldCommits)
-                store.m_uncommitted.Reset();
+            if (!--store.m_allOrNothingDepth)
+                store.m_rewritten.clear();
         }
-    } depth{(++m_heldCommits, *this)};
+    } depth{(++m_allOrNothingDepth, *this)};
     const HRESULT hr = body();
-    if (m_heldCommits > 1)
-        return hr;
-    const Microsoft::WRL::ComPtr<IStorage> storage = std::move(m_uncommitted);
-    return SUCCEEDED(hr) && storage ? storage->Commit(STGC_DEFAULT) : hr;
+    if (FAILED(hr) && m_allOrNothingDepth == 1)
+        TakeBackRewrittenRecords();
+    return hr;
 }
 
 // The exception guard of the store's interface operations.

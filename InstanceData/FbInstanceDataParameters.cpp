@@ -218,9 +218,9 @@ HRESULT FbInstanceData::WritePara(BSTR instanceId, bool writeAll, bool create)
         const size_t headEnd = m_element.headEnd < old.size() ? m_element.headEnd : old.size();
         out.Append(old.data() + headEnd, old.size() - headEnd);
     }
-    RETURN_IF_FAILED(m_element.Save(out.Buffer(), !m_heldCommits));
-    if (m_heldCommits)
-        m_uncommitted = m_element.storage;
+    if (m_allOrNothingDepth)
+        m_rewritten.push_back({m_element.storage, m_element.name, m_element.bytes, out.Buffer().size()});
+    RETURN_IF_FAILED(m_element.Save(out.Buffer()));
     return S_OK;
 }
 
@@ -254,7 +254,7 @@ HRESULT FbInstanceData::ChangeParameterFlag(BSTR instanceId, SAFEARRAY** nameLis
     RETURN_IF_NULL(copy.Get(), E_OUTOFMEMORY);
     ComVectorAccess<BSTR> names;
     RETURN_IF_FAILED_QUIET(AccessList(names, copy.Get()));
-    RETURN_IF_FAILED(OneCommit([&]() -> HRESULT {
+    RETURN_IF_FAILED(AllOrNothing([&]() -> HRESULT {
         for (ULONG i = 0; i < names.Count(); ++i)
         {
             m_parameter.bstrName = CopyOf(names[i]);
@@ -454,7 +454,7 @@ STDMETHODIMP FbInstanceData::WriteList(IFdtContext* Context, BSTR InstanceID, SA
         if (values.Count() < names.Count())
             return E_INVALIDARG;
         // All names or none: a failing member takes back the values before it.
-        RETURN_IF_FAILED(OneCommit([&]() -> HRESULT {
+        RETURN_IF_FAILED(AllOrNothing([&]() -> HRESULT {
             for (ULONG i = 0; i < names.Count(); ++i)
                 RETURN_IF_FAILED(WriteParameter(Context, InstanceID, names[i], values[i]));
             return S_OK;
