@@ -1,5 +1,7 @@
 #include "TestSupport.h"
 #include <algorithm>
+#include <fstream>
+#include <iterator>
 #include "TestObject.h"
 
 HMODULE ServerModule::Handle()
@@ -25,8 +27,8 @@ ComPtr<IFbInstanceData> CreateStore()
 {
     ComPtr<IClassFactory> factory;
     ComPtr<IFbInstanceData> store;
-    EXPECT_EQ(S_OK, ServerModule::GetClassObject(CLSID_FbInstanceData, IID_PPV_ARGS(&factory)));
-    EXPECT_TRUE(factory && SUCCEEDED(factory->CreateInstance(nullptr, IID_PPV_ARGS(&store))));
+    if (SUCCEEDED(ServerModule::GetClassObject(CLSID_FbInstanceData, IID_PPV_ARGS(&factory))))
+        factory->CreateInstance(nullptr, IID_PPV_ARGS(&store));
     return store;
 }
 
@@ -50,6 +52,46 @@ std::wstring TestName()
     std::string text = std::string(test->test_suite_name()) + "-" + test->name();
     std::replace(text.begin(), text.end(), '/', '-');   // parameterised names
     return std::wstring(text.begin(), text.end());
+}
+
+std::string FileText(const std::wstring& path)
+{
+    std::ifstream in(path.c_str(), std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+DWORD RunProgram(std::wstring commandLine, const wchar_t* directory, const wchar_t* output)
+{
+    SECURITY_ATTRIBUTES inherit = {sizeof inherit, nullptr, TRUE};
+    const HANDLE out = output ? CreateFileW(output, GENERIC_WRITE, FILE_SHARE_READ, &inherit, CREATE_ALWAYS, 0, nullptr)
+                              : INVALID_HANDLE_VALUE;
+    STARTUPINFOW startup = {sizeof startup};
+    if (out != INVALID_HANDLE_VALUE)
+    {
+        startup.dwFlags = STARTF_USESTDHANDLES;
+        startup.hStdOutput = startup.hStdError = out;
+    }
+    PROCESS_INFORMATION process = {};
+    DWORD exitCode = kNotFinished;
+    if (CreateProcessW(nullptr, &commandLine[0], nullptr, nullptr, out != INVALID_HANDLE_VALUE, 0, nullptr, directory,
+                       &startup, &process))
+    {
+        if (WaitForSingleObject(process.hProcess, 120000) == WAIT_OBJECT_0)
+            GetExitCodeProcess(process.hProcess, &exitCode);
+        else
+            TerminateProcess(process.hProcess, kNotFinished);
+        CloseHandle(process.hProcess), CloseHandle(process.hThread);
+    }
+    if (out != INVALID_HANDLE_VALUE)
+        CloseHandle(out);
+    return exitCode;
+}
+
+std::wstring SystemProgram(const wchar_t* name)
+{
+    wchar_t directory[MAX_PATH];
+    const UINT length = GetSystemDirectoryW(directory, MAX_PATH);
+    return L"\"" + std::wstring(directory, length) + L"\\" + name + L"\"";
 }
 
 TraceCapture::TraceCapture() { CPkTrace::AddListener(&TraceCapture::OnTrace, this); }

@@ -25,7 +25,8 @@ struct ServerModule
     static HRESULT CanUnloadNow();
 };
 
-// The store object through DllGetClassObject and IClassFactory::CreateInstance.
+// The store object through DllGetClassObject and IClassFactory::CreateInstance;
+// null when that fails. It asserts nothing: worker threads call it too.
 ComPtr<IFbInstanceData> CreateStore();
 // Directory of the test program (and of every built binary), with a trailing backslash.
 std::wstring ProgramDirectory();
@@ -33,6 +34,17 @@ std::wstring ProgramDirectory();
 std::wstring TestFilesDirectory();
 // "<suite>-<test>" of the running test, for file names of its own.
 std::wstring TestName();
+// The bytes of a file; "" when it cannot be read.
+std::string FileText(const std::wstring& path);
+
+// A program run to its end, as a user's command line runs it: the exit code,
+// or kNotFinished when it could not start or did not end within two minutes
+// (it is ended then). directory null: this one; output: a file for its
+// standard output and error.
+constexpr DWORD kNotFinished = 0xFFFFFFFF;
+DWORD RunProgram(std::wstring commandLine, const wchar_t* directory = nullptr, const wchar_t* output = nullptr);
+// A program of the system directory, quoted for a command line.
+std::wstring SystemProgram(const wchar_t* name);
 
 // Collects the trace entries written while it lives.
 class TraceCapture

@@ -70,16 +70,6 @@ private:
     HANDLE m_thread;
 };
 
-// The store as an apartment gets it: through the class factory, without assertions.
-ComPtr<IFbInstanceData> StoreOfThisApartment()
-{
-    ComPtr<IClassFactory> factory;
-    ComPtr<IFbInstanceData> store;
-    if (SUCCEEDED(ServerModule::GetClassObject(CLSID_FbInstanceData, IID_PPV_ARGS(&factory))))
-        factory->CreateInstance(nullptr, IID_PPV_ARGS(&store));
-    return store;
-}
-
 _bstr_t Name(int p)
 {
     return _bstr_t(("P" + std::to_string(p)).c_str());
@@ -211,7 +201,7 @@ TEST_F(Concurrency, ManyApartmentsAtOnce)
             std::vector<std::unique_ptr<Apartment>> apartments;
             for (int t = 0; t < kThreads; ++t)
                 apartments.push_back(std::make_unique<Apartment>([&, t] {
-                    ComPtr<IFbInstanceData> store = StoreOfThisApartment();
+                    ComPtr<IFbInstanceData> store = CreateStore();
                     SetEvent(ready[t]);
                     WaitForSingleObject(go, INFINITE);
                     ids[t] = shared;
@@ -270,7 +260,7 @@ TEST_F(Concurrency, CallerObjectsOfAnyApartment)
             // this thread is done, servicing calls between its own.
             IStream* marshaled[2] = {};
             other = std::make_unique<Apartment>([&] {
-                ComPtr<IFbInstanceData> store = StoreOfThisApartment();
+                ComPtr<IFbInstanceData> store = CreateStore();
                 makeObjects([] {}, [&, own = store.Get()] { readBack(own); });
                 outcome.Check(store && SUCCEEDED(CoMarshalInterThreadInterfaceInStream(IID_IFdtDtmDescriptor, dtm.Get(), &marshaled[0])) &&
                                   SUCCEEDED(CoMarshalInterThreadInterfaceInStream(IID_IFdtParameter, parameter.Get(), &marshaled[1])),

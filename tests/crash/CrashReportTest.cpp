@@ -3,8 +3,6 @@
 // The report is checked for its structure and the values it shows, not for
 // addresses and offsets, which change with every build.
 #include <gtest/gtest.h>
-#include <fstream>
-#include <iterator>
 #include <regex>
 #include <sstream>
 #include <string>
@@ -43,11 +41,7 @@ public:
         GetExitCodeProcess(m_process.hProcess, &code);
         return code;
     }
-    std::string Trace() const
-    {
-        std::ifstream file(m_traceFile.c_str(), std::ios::binary);
-        return std::string(std::istreambuf_iterator<char>(file), {});
-    }
+    std::string Trace() const { return FileText(m_traceFile); }
 
     PROCESS_INFORMATION m_process = {};
 

@@ -8,7 +8,6 @@
 #include "RegistrySnapshot.h"
 
 using namespace registry;
-using namespace child_process;
 
 namespace
 {
@@ -30,7 +29,7 @@ std::wstring Package()
 // msiexec <action> [the package] /qn
 DWORD Msiexec(const wchar_t* action, bool package = true)
 {
-    return child_process::Run(SystemProgram(L"msiexec.exe") + L" " + action +
+    return RunProgram(SystemProgram(L"msiexec.exe") + L" " + action +
                               (package ? L" \"" + Package() + L"\"" : L"") + L" /qn");
 }
 
@@ -55,7 +54,7 @@ void InstallFdtStandIns()
     ITypeLib* library = nullptr;
     if (SUCCEEDED(LoadTypeLibEx((kFdtFolder + L"\\FdtInterfaces.tlb").c_str(), REGKIND_REGISTER, &library)))
         library->Release();
-    Run(SystemProgram(L"regsvr32.exe") + L" /s \"" + kFdtFolder + L"\\FdtRegisterComp.dll\"");
+    RunProgram(SystemProgram(L"regsvr32.exe") + L" /s \"" + kFdtFolder + L"\\FdtRegisterComp.dll\"");
     wchar_t path[32768];
     const DWORD length = GetEnvironmentVariableW(L"PATH", path, 32768);
     SetEnvironmentVariableW(L"PATH", (std::wstring(path, length) + L";" + kFdtFolder).c_str());
@@ -94,7 +93,7 @@ TEST(Installer, InstallRegistersTheClassAndUninstallRestoresRegistryAndFolder)
     EXPECT_EQ(std::vector<std::string>{}, Changes(before, Snapshot(), installed));
     // A client creates the class by its programmatic identifier and opens a store.
     const std::wstring store = ProgramDirectory() + L"testfiles\\installed.stg";
-    EXPECT_EQ(0u, child_process::Run(L"\"" + ProgramDirectory() + L"RegisteredClient.exe\" \"" + store + L"\""));
+    EXPECT_EQ(0u, RunProgram(L"\"" + ProgramDirectory() + L"RegisteredClient.exe\" \"" + store + L"\""));
     DeleteFileW(store.c_str());
 
     ASSERT_EQ(0u, Msiexec(L"/x"));

@@ -140,9 +140,8 @@ TEST_F(Registration, Regsvr32ChangesOnlyTheModuleKeysAndUnregistrationRestoresAl
     CreateKey(HKEY_LOCAL_MACHINE, "Software\\Korvo\\FDT\\Modules");
     // FdtEnlist is found in the current folder.
     const auto regsvr32 = [](const wchar_t* switches) {
-        return child_process::Run(child_process::SystemProgram(L"regsvr32.exe") + switches + L" \"" +
-                                      ProgramDirectory() + L"InstanceData.dll\"",
-                                  ProgramDirectory().c_str());
+        return RunProgram(SystemProgram(L"regsvr32.exe") + switches + L" \"" + ProgramDirectory() + L"InstanceData.dll\"",
+                          ProgramDirectory().c_str());
     };
     ASSERT_EQ(0u, regsvr32(L" /s /u"));   // the module's library, as the program registered it at its start
     // IFbInstanceData of the FDT library; a change of its interface keys is a change of the snapshot.

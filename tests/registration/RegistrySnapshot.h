@@ -1,6 +1,5 @@
 #pragma once
-// The registry as the registration tests read it back, and the programs they
-// run. A branch is saved in one call (RegSaveKey: walking the classes root key
+// The registry as the registration tests read it back. A branch is saved in one call (RegSaveKey: walking the classes root key
 // by key takes half a minute under Wine) and read back as one line per key and
 // value: "Sub\Inner" and "Sub\Inner|"name"="text"" ("" is the branch itself).
 #include <windows.h>
@@ -166,34 +165,3 @@ inline std::vector<std::string> Changes(const Lines& before, const Lines& after,
     return changes;
 }
 }  // namespace registry
-
-// Programs run to their end, as an administrator's command line runs them.
-namespace child_process
-{
-constexpr DWORD kNotFinished = 0xFFFFFFFF;
-
-// The exit code of the command line run in directory (nullptr: this one);
-// kNotFinished when it could not start or did not end within two minutes.
-inline DWORD Run(std::wstring commandLine, const wchar_t* directory = nullptr)
-{
-    STARTUPINFOW startup = {sizeof startup};
-    PROCESS_INFORMATION process = {};
-    if (!CreateProcessW(nullptr, &commandLine[0], nullptr, nullptr, FALSE, 0, nullptr, directory, &startup, &process))
-        return kNotFinished;
-    CloseHandle(process.hThread);
-    DWORD exitCode = kNotFinished;
-    if (WaitForSingleObject(process.hProcess, 120000) == WAIT_OBJECT_0)
-        GetExitCodeProcess(process.hProcess, &exitCode);
-    else
-        TerminateProcess(process.hProcess, kNotFinished);
-    CloseHandle(process.hProcess);
-    return exitCode;
-}
-
-inline std::wstring SystemProgram(const wchar_t* name)
-{
-    wchar_t directory[MAX_PATH];
-    const UINT length = GetSystemDirectoryW(directory, MAX_PATH);
-    return L"\"" + std::wstring(directory, length) + L"\\" + name + L"\"";
-}
-}  // namespace child_process

@@ -193,10 +193,6 @@ TEST_F(Situations, UnreadableFileIsKeptAside)
         bool earlierKept, held;
         const wchar_t* keptAt;   // null: the open fails
     } rows[] = {{false, false, L".unreadable"}, {true, false, L".unreadable.1"}, {false, true, nullptr}};
-    const auto contentOf = [](const std::wstring& path) {
-        std::ifstream in(path.c_str(), std::ios::binary);
-        return in ? std::string(std::istreambuf_iterator<char>(in), {}) : "<none>";
-    };
     for (const auto& row : rows)
     {
         SCOPED_TRACE(row.keptAt ? Narrow(row.keptAt) : "held");
@@ -213,9 +209,9 @@ TEST_F(Situations, UnreadableFileIsKeptAside)
         if (holder != INVALID_HANDLE_VALUE)
             CloseHandle(holder);
         EXPECT_EQ(row.keptAt != nullptr, SUCCEEDED(hr)) << Hex(hr);
-        EXPECT_EQ("not a store file", contentOf(Kept(row.keptAt ? row.keptAt : L"")));
-        EXPECT_EQ(row.earlierKept ? "kept before" : row.keptAt ? "not a store file" : "<none>",
-                  contentOf(Kept(L".unreadable")));
+        EXPECT_EQ("not a store file", FileText(Kept(row.keptAt ? row.keptAt : L"")));
+        EXPECT_EQ(row.earlierKept ? "kept before" : row.keptAt ? "not a store file" : "",
+                  FileText(Kept(L".unreadable")));
         if (row.keptAt)
         {
             EXPECT_TRUE(trace.Contains("is not a readable storage file: kept as " + Narrow(Kept(row.keptAt))))
@@ -355,6 +351,7 @@ TEST(KilledFrame, Child)
     ComPtr<IFbInstanceData> store = CreateStore();
     ComPtr<IInstanceDataMgr> manager;
     ComPtr<IStorage> root;
+    ASSERT_TRUE(store);
     ASSERT_EQ(S_OK, store.As(&manager));
     ASSERT_EQ(S_OK, manager->OpenStorage(B(file), &root));
     CommittedPart(store.Get());
@@ -372,19 +369,9 @@ TEST_F(Situations, FileIsAsLastCommitted)
 
     wchar_t program[MAX_PATH];
     GetModuleFileNameW(nullptr, program, MAX_PATH);
-    std::wstring command = L"\"" + std::wstring(program) + L"\" --gtest_filter=KilledFrame.Child";
-    STARTUPINFOW startup = {sizeof startup};
-    PROCESS_INFORMATION child = {};
     SetEnvironmentVariableW(L"SAFETY_CHILD_FILE", Path());
-    const BOOL started = CreateProcessW(program, &command[0], nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup, &child);
+    const DWORD exitCode = RunProgram(L"\"" + std::wstring(program) + L"\" --gtest_filter=KilledFrame.Child");
     SetEnvironmentVariableW(L"SAFETY_CHILD_FILE", nullptr);
-    ASSERT_TRUE(started);
-    DWORD exitCode = 0;
-    WaitForSingleObject(child.hProcess, 120000);
-    TerminateProcess(child.hProcess, 1);   // when it hangs
-    WaitForSingleObject(child.hProcess, INFINITE);
-    GetExitCodeProcess(child.hProcess, &exitCode);
-    CloseHandle(child.hProcess), CloseHandle(child.hThread);
     EXPECT_EQ(9u, exitCode) << "the child failed or hung before it killed itself";
     Open();
     EXPECT_EQ(expected, Take(Store()));

@@ -2,7 +2,6 @@
 // Store files come from the demo frame and from importing every_type.json.
 #include <fstream>
 #include <functional>
-#include <iterator>
 #include <string>
 #include <nlohmann/json.hpp>
 #include "DamagedCopies.h"
@@ -19,39 +18,18 @@ std::wstring File(const std::wstring& name)
     return TestFilesDirectory() + TestName() + L"-" + name;
 }
 
-Text Contents(const std::wstring& path)
-{
-    std::ifstream in(path.c_str(), std::ios::binary);
-    return Text(std::istreambuf_iterator<char>(in), {});
-}
-
 struct Outcome
 {
     DWORD code;
     std::string out;   // standard output and error together
 };
 
-// The tool (or another program of the build folder) with its arguments; its output goes to a file.
+// The tool (or another program of the build folder) with its arguments.
 Outcome Tool(const std::wstring& arguments, const wchar_t* program = L"InstanceDataTool.exe")
 {
-    const std::wstring outPath = File(L"output.txt");
-    SECURITY_ATTRIBUTES inherit = {sizeof inherit, nullptr, TRUE};
-    HANDLE out = CreateFileW(outPath.c_str(), GENERIC_WRITE, FILE_SHARE_READ, &inherit, CREATE_ALWAYS, 0, nullptr);
-    STARTUPINFOW startup = {sizeof startup};
-    startup.dwFlags = STARTF_USESTDHANDLES;
-    startup.hStdOutput = startup.hStdError = out;
-    PROCESS_INFORMATION process = {};
-    std::wstring line = L"\"" + ProgramDirectory() + program + L"\" " + arguments;
-    Outcome run = {~0UL, ""};
-    if (CreateProcessW(nullptr, &line[0], nullptr, nullptr, TRUE, 0, nullptr, nullptr, &startup, &process))
-    {
-        WaitForSingleObject(process.hProcess, 120000);
-        GetExitCodeProcess(process.hProcess, &run.code);
-        CloseHandle(process.hProcess), CloseHandle(process.hThread);
-    }
-    CloseHandle(out);
-    run.out = Contents(outPath);
-    return run;
+    const std::wstring output = File(L"output.txt");
+    const DWORD code = RunProgram(L"\"" + ProgramDirectory() + program + L"\" " + arguments, nullptr, output.c_str());
+    return {code, FileText(output)};
 }
 
 std::wstring Quote(const std::wstring& path)
@@ -75,7 +53,7 @@ Json Exported(const std::wstring& store, const std::wstring& name)
     const std::wstring out = File(name);
     const Outcome run = Tool(L"export " + Quote(store) + L" " + Quote(out));
     EXPECT_EQ(0u, run.code) << run.out;
-    return Json::parse(Contents(out), nullptr, false);
+    return Json::parse(FileText(out), nullptr, false);
 }
 
 // Changes the first occurrence of a UTF-16 text in the bytes.
@@ -113,7 +91,7 @@ TEST(ToolImport, RoundTripsGiveTheSameJson)
         EXPECT_EQ(exported.dump(), Exported(second, L"again.json").dump());
         if (!c.demo)
         {
-            EXPECT_EQ(Json::parse(Contents(ProgramDirectory() + L"every_type.json")).dump(), exported.dump());
+            EXPECT_EQ(Json::parse(FileText(ProgramDirectory() + L"every_type.json")).dump(), exported.dump());
         }
     }
 }
@@ -145,7 +123,7 @@ TEST(ToolImport, RefusalsLeaveNoFile)
         const Outcome run = Tool(L"import " + Quote(in) + L" " + Quote(out));
         EXPECT_EQ(1u, run.code) << c.json;
         EXPECT_NE(std::string::npos, run.out.find(c.reason)) << run.out;
-        EXPECT_EQ(c.existing ? "kept" : "", Contents(out));
+        EXPECT_EQ(c.existing ? "kept" : "", FileText(out));
         EXPECT_EQ(c.existing, GetFileAttributesW(out.c_str()) != INVALID_FILE_ATTRIBUTES);
     }
 }
@@ -211,11 +189,11 @@ TEST(ToolDump, ExitCodesAndTheFileUnchanged)
     };
     for (const auto& c : cases)
     {
-        const Text before = Contents(*c.file);
+        const Text before = FileText(*c.file);
         const Outcome run = Tool(c.command + L" " + Quote(*c.file) + (c.command == L"export" ? L" " + out : L""));
         EXPECT_EQ(c.code, run.code) << run.out;
         EXPECT_NE(std::string::npos, run.out.find(c.shown)) << run.out;
-        EXPECT_EQ(before, Contents(*c.file));
+        EXPECT_EQ(before, FileText(*c.file));
     }
     // Every kind of damage of the data-safety generator: one of the exit codes
     // (never a crash), and the copy as it was.
@@ -224,12 +202,12 @@ TEST(ToolDump, ExitCodesAndTheFileUnchanged)
     {
         std::string description;
         ASSERT_HRESULT_SUCCEEDED(damaged_copies::MakeDamagedCopy(good.c_str(), copy.c_str(), seed, description));
-        const Text before = Contents(copy);
+        const Text before = FileText(copy);
         for (const wchar_t* command : {L"dump ", L"check "})
         {
             const Outcome run = Tool(command + Quote(copy));
             EXPECT_LE(run.code, 2u) << description << "\n" << run.out;
-            EXPECT_EQ(before, Contents(copy)) << description;
+            EXPECT_EQ(before, FileText(copy)) << description;
         }
     }
     EXPECT_EQ(0u, Tool(L"--help").code);
