@@ -87,31 +87,55 @@ HRESULT WriteWholeStream(IStream* stream, const Bytes& bytes, ULONGLONG oldSize,
 
 // ----------------------------------------------------------------- reading
 
-HRESULT ByteReader::Read(_bstr_t& string)
+bool StoredString::Equals(BSTR text) const
+{
+    if (!units || !text)
+        return !units && !text;
+    return SysStringLen(text) == length && std::memcmp(units, text, length * sizeof(WCHAR)) == 0;
+}
+
+HRESULT StoredString::Copy(_bstr_t& string) const
+{
+    if (!units)
+    {
+        string = _bstr_t();
+        return S_OK;
+    }
+    BSTR text = SysAllocStringLen(nullptr, length);
+    if (!text)
+        return E_OUTOFMEMORY;
+    std::memcpy(text, units, length * sizeof(WCHAR));
+    string.Attach(text);
+    return S_OK;
+}
+
+HRESULT ByteReader::Read(StoredString& string)
 {
     ULONG bytes = 0;
     if (FAILED(Read(bytes)))
         return E_FAIL;
     if (bytes == 0)
     {
-        string = _bstr_t();
+        string = StoredString();
         return S_OK;
     }
     if (bytes < 2 || (bytes & 1) || bytes > Remaining())
         return E_FAIL;
-    const WCHAR* units = reinterpret_cast<const WCHAR*>(m_data + m_offset);
-    const UINT length = (bytes - 2) / 2;
     WCHAR last;
     std::memcpy(&last, m_data + m_offset + bytes - 2, sizeof last);
     if (last != 0)
         return E_FAIL;
-    BSTR text = SysAllocStringLen(nullptr, length);
-    if (!text)
-        return E_OUTOFMEMORY;
-    std::memcpy(text, units, length * sizeof(WCHAR));
-    string.Attach(text);
+    string.units = m_data + m_offset;
+    string.length = (bytes - 2) / 2;
     m_offset += bytes;
     return S_OK;
+}
+
+HRESULT ByteReader::Read(_bstr_t& string)
+{
+    StoredString stored;
+    const HRESULT hr = Read(stored);
+    return SUCCEEDED(hr) ? stored.Copy(string) : hr;
 }
 
 HRESULT ByteReader::ReadValue(VARIANT& value)

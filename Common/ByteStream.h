@@ -21,6 +21,19 @@ HRESULT ReadWholeStream(IStream* stream, Bytes& bytes);
 // when the stream shrinks.
 HRESULT WriteWholeStream(IStream* stream, const Bytes& bytes, ULONGLONG oldSize, ULONGLONG oldPosition);
 
+// A string of the stream string encoding where it lies in a buffer read:
+// null, or length code units (without the terminating 0) at units, which
+// need not be aligned. Reading one allocates nothing.
+struct StoredString
+{
+    const BYTE* units = nullptr;   // null for the null string
+    UINT length = 0;
+
+    // The same code units as text; the null string equals only null.
+    bool Equals(BSTR text) const;
+    HRESULT Copy(_bstr_t& string) const;
+};
+
 class ByteReader
 {
 public:
@@ -43,6 +56,7 @@ public:
     // string, else an even count of at least 2 whose last unit is 0. Any
     // other count, or one beyond the buffer, is E_FAIL before anything is
     // allocated.
+    HRESULT Read(StoredString& string);
     HRESULT Read(_bstr_t& string);
     // A value in the value encoding. A fixed-width payload is copied; an
     // object is made again from its persisted bytes (one whose class cannot
@@ -64,6 +78,10 @@ private:
 class ByteWriter
 {
 public:
+    // Room for a whole record of the usual size: growing a field at a time
+    // would allocate over and over.
+    ByteWriter() { m_bytes.reserve(256); }
+
     template <class T>
     void Write(const T& field)
     {

@@ -250,6 +250,15 @@ HRESULT RecordStream::Save(const Bytes& record, bool commit)
     return S_OK;
 }
 
+void RecordStream::Reset()
+{
+    storage.Reset();
+    stream.Reset();
+    name.clear();
+    bytes.clear();
+    headEnd = 0;
+}
+
 void FbInstanceData::TakeBackRewrittenRecords()
 {
     // Latest first: a record rewritten twice ends with what it held first.
@@ -269,7 +278,7 @@ void FbInstanceData::TakeBackRewrittenRecords()
 
 HRESULT FbInstanceData::ReadRecord(BSTR instanceId, const wchar_t* name, bool create, RecordStream& record)
 {
-    record = RecordStream();
+    record.Reset();
     RETURN_IF_FAILED_QUIET(OpenInstanceStorage(instanceId, record.storage.GetAddressOf()));
     record.name = name;
     HRESULT hr = record.storage->OpenStream(name, nullptr, IDS_STREAM_MODE, 0, record.stream.GetAddressOf());
@@ -285,7 +294,7 @@ HRESULT FbInstanceData::ReadRecord(BSTR instanceId, const wchar_t* name, bool cr
 HRESULT FbInstanceData::ReadAdmin()
 {
     RETURN_IF_NULL(m_pRootStorage, E_FAIL);
-    m_adminStream = RecordStream();
+    m_adminStream.Reset();
     RETURN_IF_FAILED(m_pRootStorage->OpenStream(L"admin", nullptr, IDS_STREAM_MODE, 0,
                                                 m_adminStream.stream.GetAddressOf()));
     RETURN_IF_FAILED(ReadWholeStream(m_adminStream.stream.Get(), m_adminStream.bytes));
@@ -423,7 +432,7 @@ HRESULT FbInstanceData::AllocateStreamName(BSTR instanceId, bool group)
         number = m_highestStreamNumber == MAXDWORD ? MAXDWORD : m_highestStreamNumber + 1;
     ComPtr<IStorage> storage;
     RETURN_IF_FAILED_QUIET(OpenInstanceStorage(instanceId, storage.GetAddressOf()));
-    m_element = RecordStream();
+    m_element.Reset();
     m_element.storage = storage;
     for (;; ++number)
     {

@@ -57,6 +57,9 @@ struct RecordStream
     // Replaces the stream's content by bytes (one write), then commits the
     // instance storage unless told not to.
     HRESULT Save(const Bytes& record, bool commit = true);
+    // Lets go of the stream and forgets what it held; the buffer keeps its
+    // memory for the next record.
+    void Reset();
 };
 
 // Locks the elements of a list that the store reads; E_UNEXPECTED for a null
@@ -200,7 +203,7 @@ private:
     // m_bstrElementName. Removal of the stream of name.
     enum class ElementLookup { Find, FindOrAllocate, Allocate };
     HRESULT OpenElementStream(BSTR instanceId, const _bstr_t& name, bool group, ElementLookup lookup);
-    HRESULT CheckElementHead(HRESULT read, bool group, const _bstr_t& storedName);
+    HRESULT CheckElementHead(HRESULT read, bool group, const StoredString& storedName);
     HRESULT DestroyElementStream(BSTR instanceId, BSTR name, bool group);
 
     FbInstanceData(const FbInstanceData&) = delete;
@@ -245,12 +248,12 @@ HRESULT FbInstanceData::Operation(const char* file, int line, Body&& body)
         // The frame reverted the root under the cached instance storage: the
         // first call on it failed before anything changed, so the operation
         // runs once more on the storage opened anew.
-        m_element = RecordStream();
+        m_element.Reset();
         ForgetInstanceStorage(nullptr);
         hr = ExceptionGuard(file, line, body);
     }
-    m_element = RecordStream();
-    m_adminStream = RecordStream();
+    m_element.Reset();
+    m_adminStream.Reset();
     if (FAILED(hr))
     {
         // What the failed operation changed in the instance storage goes, and

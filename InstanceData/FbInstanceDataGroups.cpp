@@ -17,10 +17,10 @@ HRESULT FbInstanceData::ReadGroup(BSTR instanceId, bool withMembers)
     RETURN_IF_FAILED_QUIET(OpenElementStream(instanceId, m_group.bstrName, true, ElementLookup::Find));
     ByteReader in(m_element.bytes);
     GroupRecord read;
-    RETURN_IF_FAILED_QUIET(CheckElementHead(ReadGroupRecord(in, read, withMembers), true, read.bstrName));
+    RETURN_IF_FAILED_QUIET(CheckElementHead(ReadGroupRecord(in, read, withMembers), true, read.storedName));
     m_group.groupId = read.groupId;
     if (withMembers)
-        m_group.members = read.members;
+        m_group.members.swap(read.members);
     return S_OK;
 }
 
@@ -126,8 +126,8 @@ STDMETHODIMP FbInstanceData::ReadGroup(IFdtContext*, BSTR InstanceID, BSTR Name,
     STORE_ENTRY();
     return STORE_OPERATION([&]() -> HRESULT {
         RETURN_IF_NULL(ParameterValueSequence, E_POINTER);
-        ComVectorArray names;
-        RETURN_IF_FAILED_QUIET(GroupMemberNames(InstanceID, Name, names, false));
+        m_group.bstrName = _bstr_t(Name, true);
+        RETURN_IF_FAILED(ReadGroup(InstanceID, true));
         // One read of each member stream serves both the kind check and the
         // value: a member that is not a parameter wins over any other failure,
         // which comes back as the first one met.

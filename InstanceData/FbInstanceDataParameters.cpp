@@ -18,15 +18,6 @@ static_assert(sizeof(ParameterRecord::isLocked) == 4 && sizeof(ParameterRecord::
 
 namespace
 {
-// Both null, or both not null with the same code units (case-sensitive).
-bool SameName(BSTR stored, BSTR asked)
-{
-    if (!stored || !asked)
-        return stored == asked;
-    const UINT bytes = SysStringByteLen(stored);
-    return bytes == SysStringByteLen(asked) && std::memcmp(stored, asked, bytes) == 0;
-}
-
 // A new copy of a name, the whole BSTR length (null stays null).
 _bstr_t CopyOf(BSTR name)
 {
@@ -110,7 +101,7 @@ HRESULT FbInstanceData::OpenElementStream(BSTR instanceId, const _bstr_t& name, 
     // The stream that this operation read last is written back through.
     if (lookup != ElementLookup::Allocate && m_element.stream && m_bstrElementName == name)
         return S_OK;
-    m_element = RecordStream();
+    m_element.Reset();
     m_bstrElementName = name;
     if (lookup == ElementLookup::Allocate)
         RETURN_IF_FAILED(AllocateStreamName(instanceId, group));
@@ -124,7 +115,7 @@ HRESULT FbInstanceData::OpenElementStream(BSTR instanceId, const _bstr_t& name, 
     return S_OK;
 }
 
-HRESULT FbInstanceData::CheckElementHead(HRESULT read, bool group, const _bstr_t& storedName)
+HRESULT FbInstanceData::CheckElementHead(HRESULT read, bool group, const StoredString& storedName)
 {
     if (read == IDS_E_STREAM_VERSION)
     {
@@ -139,7 +130,7 @@ HRESULT FbInstanceData::CheckElementHead(HRESULT read, bool group, const _bstr_t
         return read;
     }
     RETURN_IF_FAILED(read);
-    if (!SameName(storedName, m_bstrElementName))
+    if (!storedName.Equals(m_bstrElementName))
     {
         CError::ImplHandleInternal(nullptr, THIS_FILE, __LINE__, 0xAA);
         return E_FAIL;
@@ -165,19 +156,16 @@ HRESULT FbInstanceData::ReadPara(BSTR instanceId, bool readValue, bool readAll)
     const ParameterPart part = readAll ? ParameterPart::Body : readValue ? ParameterPart::Value : ParameterPart::Head;
     ParameterPart failedAt = ParameterPart::Head;
     ParameterRecord read;
-    HRESULT hr = ReadParameterRecord(in, read, ParameterPart::Head, failedAt);
-    RETURN_IF_FAILED_QUIET(CheckElementHead(hr, false, read.bstrName));
-    m_element.headEnd = in.Offset();
-    if (part != ParameterPart::Head)
-    {
-        ByteReader body(m_element.bytes);
-        hr = ReadParameterRecord(body, read, part, failedAt);
-        if (failedAt == ParameterPart::Value)
-            RETURN_IF_FAILED_QUIET(WithMessage(hr, "FbInstanceData::ReadPara() ReadFromStream(value) failed\n"));
-        else if (failedAt == ParameterPart::DefaultValue)
-            RETURN_IF_FAILED_QUIET(WithMessage(hr, "FbInstanceData::ReadPara() ReadFromStream(default value) failed\n"));
-        RETURN_IF_FAILED(hr);
-    }
+    const HRESULT hr = ReadParameterRecord(in, read, part, failedAt);
+    // The head speaks first: a stream of another kind or name fails as such,
+    // whatever its values.
+    RETURN_IF_FAILED_QUIET(CheckElementHead(failedAt == ParameterPart::Head ? hr : S_OK, false, read.storedName));
+    m_element.headEnd = read.headEnd;
+    if (failedAt == ParameterPart::Value)
+        RETURN_IF_FAILED_QUIET(WithMessage(hr, "FbInstanceData::ReadPara() ReadFromStream(value) failed\n"));
+    else if (failedAt == ParameterPart::DefaultValue)
+        RETURN_IF_FAILED_QUIET(WithMessage(hr, "FbInstanceData::ReadPara() ReadFromStream(default value) failed\n"));
+    RETURN_IF_FAILED(hr);
     // Only what was read replaces the working record.
     m_parameter.isLocked = read.isLocked;
     m_parameter.isProtected = read.isProtected;

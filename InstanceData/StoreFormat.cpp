@@ -226,7 +226,7 @@ void WriteCommDescriptorRecord(ByteWriter& out, const CommDescriptorRecord& reco
 
 // ------------------------------------------------------ parameters and groups
 
-HRESULT ReadElementHead(ByteReader& in, DWORD kind, _bstr_t& name)
+HRESULT ReadElementHead(ByteReader& in, DWORD kind, StoredString& name)
 {
     RETURN_IF_FAILED_QUIET(ReadVersion(in));
     DWORD storedKind = 0;
@@ -239,11 +239,12 @@ HRESULT ReadElementHead(ByteReader& in, DWORD kind, _bstr_t& name)
 HRESULT ReadParameterRecord(ByteReader& in, ParameterRecord& record, ParameterPart part, ParameterPart& failedAt)
 {
     failedAt = ParameterPart::Head;
-    RETURN_IF_FAILED_QUIET(ReadElementHead(in, ElementKindParameter, record.bstrName));
+    RETURN_IF_FAILED_QUIET(ReadElementHead(in, ElementKindParameter, record.storedName));
     RETURN_IF_FAILED_QUIET(in.Read(record.isLocked));
     RETURN_IF_FAILED_QUIET(in.Read(record.isProtected));
     RETURN_IF_FAILED_QUIET(in.Read(record.isMandatory));
     RETURN_IF_FAILED_QUIET(in.Read(record.isPrivate));
+    record.headEnd = in.Offset();
     if (part == ParameterPart::Head)
         return S_OK;
     failedAt = ParameterPart::Value;
@@ -284,15 +285,16 @@ HRESULT WriteParameterRecord(ByteWriter& out, const ParameterRecord& record, boo
         built.Write(record.size);
         built.Write(record.objectType);
     }
-    out.Append(built.Buffer().data(), built.Buffer().size());
+    if (out.Buffer().empty())
+        out.Buffer().swap(built.Buffer());
+    else
+        out.Append(built.Buffer().data(), built.Buffer().size());
     return S_OK;
 }
 
 HRESULT ReadGroupRecord(ByteReader& in, GroupRecord& record, bool withMembers)
 {
-    _bstr_t storedName;
-    RETURN_IF_FAILED_QUIET(ReadElementHead(in, ElementKindGroup, storedName));
-    record.bstrName = storedName;
+    RETURN_IF_FAILED_QUIET(ReadElementHead(in, ElementKindGroup, record.storedName));
     DWORD groupId = 0;
     RETURN_IF_FAILED_QUIET(in.Read(groupId));
     record.groupId = static_cast<BYTE>(groupId);
@@ -301,6 +303,8 @@ HRESULT ReadGroupRecord(ByteReader& in, GroupRecord& record, bool withMembers)
     DWORD count = 0;
     RETURN_IF_FAILED_QUIET(in.Read(count));
     record.members.clear();
+    // Each member takes at least its 4-byte count: a damaged count reserves no more than the buffer backs.
+    record.members.reserve(count < in.Remaining() / 4 ? count : in.Remaining() / 4);
     for (DWORD i = 0; i < count; ++i)
     {
         _bstr_t member;

@@ -139,7 +139,9 @@ void WriteCommDescriptorRecord(ByteWriter& out, const CommDescriptorRecord& reco
 // size and object type (the body).
 struct ParameterRecord
 {
-    _bstr_t bstrName;
+    _bstr_t bstrName;          // written
+    StoredString storedName;   // read: points into the buffer read
+    size_t headEnd = 0;        // read: where the head ends in it
     _variant_t value;
     _variant_t defaultValue;
     LONG index = 0;
@@ -160,7 +162,7 @@ enum class ParameterPart
     Body,
 };
 // Reads up to and including part. On failure, failedAt names the part that
-// could not be read. The stored name lands in record.bstrName.
+// could not be read.
 HRESULT ReadParameterRecord(ByteReader& in, ParameterRecord& record, ParameterPart part, ParameterPart& failedAt);
 // The fields after the default value: index, data type, size, object type.
 // The store tool reads them on their own when it has walked the values itself.
@@ -177,7 +179,8 @@ HRESULT WriteParameterRecord(ByteWriter& out, const ParameterRecord& record, boo
 // count and the member names.
 struct GroupRecord
 {
-    _bstr_t bstrName;
+    _bstr_t bstrName;          // written
+    StoredString storedName;   // read: points into the buffer read
     BYTE groupId = 0;
     std::vector<_bstr_t> members;
 };
@@ -187,4 +190,4 @@ void WriteGroupRecord(ByteWriter& out, const GroupRecord& record, bool withMembe
 // The version and kind that head parameter and group streams; kind is the
 // ElementKind that the stream must have (IDS_E_NOT_PARAMETER_STREAM or
 // IDS_E_NOT_GROUP_STREAM otherwise).
-HRESULT ReadElementHead(ByteReader& in, DWORD kind, _bstr_t& name);
+HRESULT ReadElementHead(ByteReader& in, DWORD kind, StoredString& name);

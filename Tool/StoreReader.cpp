@@ -308,10 +308,11 @@ Json StoreReader::ReadParameter(const std::string& where, const Bytes& bytes, Js
     const HRESULT hr = ReadParameterRecord(in, record, ParameterPart::Head, failedAt);
     if (FAILED(hr))
         return Note(true, where + " " + HeadProblem(hr, "parameter")), json;
-    _bstr_t mapName;
+    _bstr_t mapName, storedName;
     StringFromJson(json["name"], mapName);
-    if (!SameElementName(record.bstrName, mapName))
-        Note(false, where + " holds the name " + Quoted(record.bstrName));
+    record.storedName.Copy(storedName);
+    if (!SameElementName(storedName, mapName))
+        Note(false, where + " holds the name " + Quoted(storedName));
     json["mandatory"] = record.isMandatory != 0;
     json["private"] = record.isPrivate != 0;
     json["protected"] = record.isProtected != 0;
@@ -335,12 +336,13 @@ Json StoreReader::ReadParameter(const std::string& where, const Bytes& bytes, Js
 Json StoreReader::ReadGroup(const std::string& where, const Bytes& bytes, Json json)
 {
     ByteReader head(bytes);
-    _bstr_t storedName;
-    HRESULT hr = ReadElementHead(head, ElementKindGroup, storedName);
+    StoredString stored;
+    HRESULT hr = ReadElementHead(head, ElementKindGroup, stored);
     if (FAILED(hr))
         return Note(true, where + " " + HeadProblem(hr, "group")), json;
-    _bstr_t mapName;
+    _bstr_t mapName, storedName;
     StringFromJson(json["name"], mapName);
+    stored.Copy(storedName);
     if (!SameElementName(storedName, mapName))
         Note(false, where + " holds the name " + Quoted(storedName));
     GroupRecord record;
