@@ -1,10 +1,9 @@
 #include "PersistedObject.h"
 #include <ole2.h>
 #include <wrl/client.h>
-#include <atomic>
-#include <cstring>
 #include <utility>
 #include "Common/ByteStream.h"
+#include "Common/PersistedBytes.h"
 #include "Common/VariantCopy.h"
 #include "PK_ComVector.h"
 
@@ -12,108 +11,26 @@ using Microsoft::WRL::ComPtr;
 
 namespace
 {
-// Asked for by SaveCallerValue to know its own saved objects: saving one again is a copy.
-const IID IID_PersistedObject = {0x5d0f3c21, 0x8a4e, 0x4b7e, {0x9f, 0x13, 0x62, 0x0c, 0x4d, 0xa8, 0x71, 0xe5}};
-
-// Answers IDispatch as well, so that a VT_DISPATCH value stays a real
-// dispatch interface: it has no members, so a conversion to another type fails.
-class PersistedObject : public IPersistStream, public IDispatch
-{
-public:
-    PersistedObject(HRESULT saved, Bytes bytes) : m_saved(saved), m_bytes(std::move(bytes)) {}
-
-    STDMETHODIMP QueryInterface(REFIID iid, void** object) override
-    {
-        if (!object)
-            return E_POINTER;
-        *object = nullptr;
-        if (iid == IID_IUnknown || iid == IID_IPersist || iid == IID_IPersistStream || iid == IID_PersistedObject)
-            *object = static_cast<IPersistStream*>(this);
-        else if (iid == IID_IDispatch)
-            *object = static_cast<IDispatch*>(this);
-        else
-            return E_NOINTERFACE;
-        AddRef();
-        return S_OK;
-    }
-    STDMETHODIMP_(ULONG) AddRef() override { return ++m_references; }
-    STDMETHODIMP_(ULONG) Release() override
-    {
-        const ULONG left = --m_references;
-        if (!left)
-            delete this;
-        return left;
-    }
-
-    STDMETHODIMP GetClassID(CLSID* clsid) override
-    {
-        if (!clsid)
-            return E_POINTER;
-        if (FAILED(m_saved))
-            return m_saved;
-        std::memcpy(clsid, m_bytes.data(), sizeof *clsid);
-        return S_OK;
-    }
-    STDMETHODIMP IsDirty() override { return S_OK; }
-    STDMETHODIMP Load(IStream*) override { return E_NOTIMPL; }
-    STDMETHODIMP Save(IStream* stream, BOOL) override
-    {
-        if (FAILED(m_saved))
-            return m_saved;
-        const ULONG size = static_cast<ULONG>(m_bytes.size() - sizeof(CLSID));
-        ULONG written = 0;
-        const HRESULT hr = stream->Write(m_bytes.data() + sizeof(CLSID), size, &written);
-        return FAILED(hr) ? hr : written == size ? S_OK : STG_E_MEDIUMFULL;
-    }
-    STDMETHODIMP GetSizeMax(ULARGE_INTEGER* size) override
-    {
-        if (!size)
-            return E_POINTER;
-        size->QuadPart = m_bytes.size();
-        return S_OK;
-    }
-
-    STDMETHODIMP GetTypeInfoCount(UINT* count) override
-    {
-        if (!count)
-            return E_POINTER;
-        *count = 0;
-        return S_OK;
-    }
-    STDMETHODIMP GetTypeInfo(UINT, LCID, ITypeInfo**) override { return DISP_E_BADINDEX; }
-    STDMETHODIMP GetIDsOfNames(REFIID, LPOLESTR*, UINT, LCID, DISPID*) override { return DISP_E_UNKNOWNNAME; }
-    STDMETHODIMP Invoke(DISPID, REFIID, LCID, WORD, DISPPARAMS*, VARIANT*, EXCEPINFO*, UINT*) override
-    {
-        return DISP_E_MEMBERNOTFOUND;
-    }
-
-private:
-    virtual ~PersistedObject() = default;
-
-    std::atomic<ULONG> m_references{1};
-    const HRESULT m_saved;   // what saving the caller's object gave
-    const Bytes m_bytes;     // class identifier, then the object's own bytes
-};
-
 // The caller's object saved as the store saves an object: its class, then its bytes.
-PersistedObject* SaveObject(IUnknown* object)
+PersistedBytes* SaveObject(IUnknown* object)
 {
     ComPtr<IStream> memory;
     ComPtr<IPersistStream> persist;
+    CLSID clsid = CLSID_NULL;
     Bytes bytes;
     HRESULT hr = CreateStreamOnHGlobal(nullptr, TRUE, memory.GetAddressOf());
     if (SUCCEEDED(hr))
         hr = object->QueryInterface(IID_IPersistStream, reinterpret_cast<void**>(persist.GetAddressOf()));
     if (SUCCEEDED(hr))
-        hr = OleSaveToStream(persist.Get(), memory.Get());
+        hr = persist->GetClassID(&clsid);
+    if (SUCCEEDED(hr))
+        hr = persist->Save(memory.Get(), TRUE);
     LARGE_INTEGER zero = {};
     if (SUCCEEDED(hr))
         hr = memory->Seek(zero, STREAM_SEEK_SET, nullptr);
     if (SUCCEEDED(hr))
         hr = ReadWholeStream(memory.Get(), bytes);
-    if (SUCCEEDED(hr) && bytes.size() < sizeof(CLSID))
-        hr = E_UNEXPECTED;
-    return new PersistedObject(hr, std::move(bytes));
+    return new PersistedBytes(clsid, std::move(bytes), hr);
 }
 }  // namespace
 
@@ -126,8 +43,8 @@ void SaveCallerValue(const VARIANT& source, _variant_t& target)
     if (object)
     {
         void* known = nullptr;
-        PersistedObject* saved = SUCCEEDED(object->QueryInterface(IID_PersistedObject, &known))
-                                     ? static_cast<PersistedObject*>(static_cast<IPersistStream*>(known))
+        PersistedBytes* saved = SUCCEEDED(object->QueryInterface(IID_PersistedBytes, &known))
+                                     ? static_cast<PersistedBytes*>(static_cast<IPersistStream*>(known))
                                      : SaveObject(object);
         V_VT(&copy) = vt;
         if (vt == VT_DISPATCH)

@@ -3,7 +3,7 @@
 #include <cstdio>
 #include <cstring>
 #include <cctype>
-#include "Tool/RawObject.h"
+#include "Common/PersistedBytes.h"
 
 namespace
 {
@@ -248,7 +248,7 @@ HRESULT ValueFromJson(const Json& json, _variant_t& value, std::string& error)
         // The null class is no object, which the store writes as that class.
         V_UNKNOWN(&value) = IsEqualCLSID(clsid, CLSID_NULL) && bytes.empty()
                                 ? nullptr
-                                : static_cast<IPersistStream*>(new RawObject(clsid, std::move(bytes)));
+                                : static_cast<IPersistStream*>(new PersistedBytes(clsid, std::move(bytes)));
         return S_OK;
     }
     const Json shown = json.contains("value") ? json["value"] : Json();

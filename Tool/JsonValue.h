@@ -24,6 +24,6 @@ bool IsObjectType(VARTYPE vt);
 // A value that is not an object.
 Json ValueJson(const VARIANT& value);
 Json ObjectJson(VARTYPE vt, const CLSID& clsid, const BYTE* bytes, size_t size);
-// The value a JSON value stands for; an object value becomes a RawObject.
+// The value a JSON value stands for; an object value becomes a PersistedBytes.
 // On failure, error says why.
 HRESULT ValueFromJson(const Json& json, _variant_t& value, std::string& error);
