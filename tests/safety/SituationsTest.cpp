@@ -185,20 +185,27 @@ TEST_F(Situations, DamagedStreamsAreRefusedOrRepaired)
 }
 
 // A file that is no compound file is kept aside before a new store replaces
-// it; an earlier kept file stays; a file that is held fails and stays as it is.
+// it; an earlier kept file stays. A file that is held, and a store file cut
+// short inside a sector, fail and stay as they are.
 TEST_F(Situations, UnreadableFileIsKeptAside)
 {
+    const std::string model = FileText(ModelFile());
     const struct
     {
         bool earlierKept, held;
+        size_t cutTo;            // 0: the file holds text
         const wchar_t* keptAt;   // null: the open fails
-    } rows[] = {{false, false, L".unreadable"}, {true, false, L".unreadable.1"}, {false, true, nullptr}};
+    } rows[] = {{false, false, 0, L".unreadable"},
+                {true, false, 0, L".unreadable.1"},
+                {false, true, 0, nullptr},
+                {false, false, model.size() - 486, nullptr}};
     for (const auto& row : rows)
     {
-        SCOPED_TRACE(row.keptAt ? Narrow(row.keptAt) : "held");
+        SCOPED_TRACE(row.keptAt ? Narrow(row.keptAt) : row.held ? "held" : "cut");
         GiveUp();
         RemoveKeptFiles();
-        std::ofstream(Path()) << "not a store file";
+        const std::string content = row.cutTo ? model.substr(0, row.cutTo) : "not a store file";
+        std::ofstream(Path(), std::ios::binary) << content;
         if (row.earlierKept)
             std::ofstream(Kept(L".unreadable").c_str()) << "kept before";
         HANDLE holder = row.held ? CreateFileW(Path(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr)
@@ -209,13 +216,17 @@ TEST_F(Situations, UnreadableFileIsKeptAside)
         if (holder != INVALID_HANDLE_VALUE)
             CloseHandle(holder);
         EXPECT_EQ(row.keptAt != nullptr, SUCCEEDED(hr)) << Hex(hr);
-        EXPECT_EQ("not a store file", FileText(Kept(row.keptAt ? row.keptAt : L"")));
-        EXPECT_EQ(row.earlierKept ? "kept before" : row.keptAt ? "not a store file" : "",
-                  FileText(Kept(L".unreadable")));
+        EXPECT_EQ(content, FileText(Kept(row.keptAt ? row.keptAt : L"")));
+        EXPECT_EQ(row.earlierKept ? "kept before" : row.keptAt ? content : "", FileText(Kept(L".unreadable")));
         if (row.keptAt)
         {
             EXPECT_TRUE(trace.Contains("is not a readable storage file: kept as " + Narrow(Kept(row.keptAt))))
                 << trace.Text();
+        }
+        if (row.cutTo)
+        {
+            EXPECT_EQ(STG_E_DOCFILECORRUPT, hr);
+            EXPECT_TRUE(trace.Contains("is cut short inside a sector: not opened")) << trace.Text();
         }
     }
 }
