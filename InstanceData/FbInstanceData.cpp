@@ -2,7 +2,6 @@
 // stream, the instance storage cache and the stream name map.
 #include "FbInstanceData.h"
 #include <wrl/client.h>
-#include <cstring>
 #include <cwchar>
 #include <string>
 #include "Common/ErrorTrace.h"
@@ -48,30 +47,6 @@ OpenFailure KindOf(HRESULT hr)
     default:
         return OpenFailure::Unreadable;
     }
-}
-
-// A compound file is whole sectors (the header fills the first). In one cut
-// inside a sector the platform reads the cut sector two ways (zero-filled as a
-// whole, short as part of a stream), and a commit on it can lose streams, so
-// it is not opened. Whatever is no compound file, or cannot be looked at
-// here, is left to StgOpenStorage.
-bool CutInsideSector(BSTR path)
-{
-    static const BYTE kSignature[8] = {0xD0, 0xCF, 0x11, 0xE0, 0xA1, 0xB1, 0x1A, 0xE1};
-    HANDLE file = CreateFileW(path, GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0, nullptr);
-    if (file == INVALID_HANDLE_VALUE)
-        return false;
-    BYTE header[32];
-    DWORD read = 0;
-    LARGE_INTEGER size = {};
-    const bool looked = ReadFile(file, header, sizeof header, &read, nullptr) && read == sizeof header &&
-                        GetFileSizeEx(file, &size);
-    CloseHandle(file);
-    if (!looked || std::memcmp(header, kSignature, sizeof kSignature) != 0)
-        return false;
-    WORD sectorShift = 0;
-    std::memcpy(&sectorShift, header + 30, sizeof sectorShift);
-    return sectorShift >= 9 && sectorShift <= 12 && size.QuadPart % (LONGLONG(1) << sectorShift) != 0;
 }
 
 // Moves the file at path to "<path>.unreadable", or "<path>.unreadable.<n>"

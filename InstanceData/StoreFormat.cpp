@@ -1,10 +1,30 @@
 #include "InstanceData/StoreFormat.h"
+#include <cstring>
 #include <cwchar>
 #include "Common/ErrorTrace.h"
 
 // The formats give their failures back untraced: the callers trace them.
 
 static_assert(sizeof(AdminRecord) == 8, "the administration stream is exactly 8 bytes");
+
+bool CutInsideSector(const wchar_t* path)
+{
+    static const BYTE kSignature[8] = {0xD0, 0xCF, 0x11, 0xE0, 0xA1, 0xB1, 0x1A, 0xE1};
+    HANDLE file = CreateFileW(path, GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0, nullptr);
+    if (file == INVALID_HANDLE_VALUE)
+        return false;
+    BYTE header[32];
+    DWORD read = 0;
+    LARGE_INTEGER size = {};
+    const bool looked = ReadFile(file, header, sizeof header, &read, nullptr) && read == sizeof header &&
+                        GetFileSizeEx(file, &size);
+    CloseHandle(file);
+    if (!looked || std::memcmp(header, kSignature, sizeof kSignature) != 0)
+        return false;
+    WORD sectorShift = 0;
+    std::memcpy(&sectorShift, header + 30, sizeof sectorShift);
+    return sectorShift >= 9 && sectorShift <= 12 && size.QuadPart % (LONGLONG(1) << sectorShift) != 0;
+}
 
 namespace
 {

@@ -1,7 +1,7 @@
 #pragma once
 // The formats of the streams in a store file, each in one place: a record,
 // its reader and its writer over bytes. The store object and the store tool
-// both read and write through these; nothing here touches a storage.
+// both read and write through these; nothing here opens a storage.
 //
 // root storage
 //   "admin"            AdminRecord
@@ -15,6 +15,13 @@
 #include <map>
 #include <vector>
 #include "Common/ByteStream.h"
+
+// A compound file is whole sectors (the header fills the first). In one cut
+// inside a sector, as a lost write leaves it, the platform reads the cut
+// sector two ways (zero-filled as a whole, short as part of a stream), and a
+// commit on it can lose streams: the store does not open it. False for
+// whatever is no compound file or cannot be looked at.
+bool CutInsideSector(const wchar_t* path);
 
 // Copies at most 31 characters of text (null reads as empty) into a 32-unit
 // buffer: the store uses no more of an element name.

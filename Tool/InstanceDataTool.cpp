@@ -162,7 +162,7 @@ const Command kCommands[] = {
      "Checks every rule the store relies on and prints one finding per line: counters behind the numbers in\n"
      "use, map entries without streams and streams without entries, stream heads of the wrong kind, version\n"
      "or name, group members that are not parameters, references whose other end does not exist or does not\n"
-     "point back, unreadable streams. The file is opened read-only.\n"
+     "point back, unreadable streams, a file cut short inside a sector. The file is opened read-only.\n"
      "Exit code: 0 clean, 1 findings, 2 not a store file.\n",
      Check},
     {"export", 2, 2, 2, "export FILE OUT.json",

@@ -123,13 +123,22 @@ bool StoreReader::AnythingUnreadable() const
 
 StoreReader::Result StoreReader::ReadFile(const wchar_t* path)
 {
+    // A file cut inside a sector is read as far as it goes; the cut is named
+    // first, or as the reason when nothing of it reads.
+    const bool cut = CutInsideSector(path);
+    if (cut)
+        Note(true, "file: cut short inside a sector; the store does not open it");
+    const auto notAStore = [&](const std::string& reason) {
+        m_reason = cut ? "it is cut short inside a sector, and the store does not open such a file" : reason;
+        return NotAStore;
+    };
     ComPtr<IStorage> root;
     HRESULT hr = StgOpenStorage(path, nullptr, STGM_READ | STGM_SHARE_DENY_WRITE, nullptr, 0, root.GetAddressOf());
     if (FAILED(hr))
-        return m_reason = "not a compound file or cannot be opened (" + HresultText(hr) + ")", NotAStore;
+        return notAStore("not a compound file or cannot be opened (" + HresultText(hr) + ")");
     std::vector<std::wstring> streams, storages;
     if (FAILED(hr = ElementNames(root.Get(), streams, storages)))
-        return m_reason = "its elements cannot be listed (" + HresultText(hr) + ")", NotAStore;
+        return notAStore("its elements cannot be listed (" + HresultText(hr) + ")");
     std::vector<std::pair<DWORD, std::wstring>> instances;
     for (const std::wstring& name : storages)
         if (const DWORD number = InstanceNumberOf(name.c_str()))
@@ -140,7 +149,7 @@ StoreReader::Result StoreReader::ReadFile(const wchar_t* path)
         if (!SameElementName(name.c_str(), L"admin"))
             Note(false, "root: stream \"" + Utf8(name.c_str()) + "\" is not part of a store");
     if (instances.empty() && !Contains(streams, L"admin"))
-        return m_reason = "it holds no \"admin\" stream and no instance", NotAStore;
+        return notAStore("it holds no \"admin\" stream and no instance");
 
     std::sort(instances.begin(), instances.end());
     m_content = Json::object();

@@ -167,8 +167,11 @@ TEST(ToolDump, ExitCodesAndTheFileUnchanged)
     const std::wstring good = Store(L"dump.stg", false);
     const std::wstring damaged = Store(L"dump-damaged.stg", false);
     ASSERT_HRESULT_SUCCEEDED(damaged_copies::ChangeStream(damaged.c_str(), L"2/dtm", [](Text& b) { b.resize(7); }));
-    const std::wstring text = File(L"not-a-store.stg");
+    const std::wstring text = File(L"not-a-store.stg"), cut = File(L"cut.stg"), stump = File(L"stump.stg");
     std::ofstream(text.c_str()) << "plain text";
+    const Text whole = FileText(good);   // cut inside its last sector, or far before
+    std::ofstream(cut.c_str(), std::ios::binary) << whole.substr(0, whole.size() - 1);
+    std::ofstream(stump.c_str(), std::ios::binary) << whole.substr(0, whole.size() - 4000);
     const std::wstring out = Quote(File(L"dump-out.json"));
     const struct
     {
@@ -186,6 +189,8 @@ TEST(ToolDump, ExitCodesAndTheFileUnchanged)
         {L"dump", &text, 2, "not a store file"},
         {L"export", &text, 2, "not a store file"},
         {L"check", &text, 2, "not a store file"},
+        {L"check", &cut, 1, "file: cut short inside a sector; the store does not open it"},
+        {L"dump", &stump, 2, "not a store file: it is cut short inside a sector"},
     };
     for (const auto& c : cases)
     {
