@@ -121,13 +121,13 @@ _bstr_t Session::CreateInstance(const Json& instance)
 {
     const Json dtmJson = instance.value("dtm", Json::object());
     const Json commJson = instance.value("comm", Json::object());
-    ComPtr<IFdtDtmDescriptor> dtm;
-    ComPtr<IFdtCommunicationDescriptor> comm;
-    dtm.Attach(new frame::DtmDescriptor(Number<BYTE>(dtmJson, "category"), Number<LONG>(dtmJson, "classification"),
-                                        Text(dtmJson, "device"), Text(dtmJson, "node")));
-    dtm->put_m_application(Number<LONG>(dtmJson, "application"));
-    dtm->put_m_language(Number<LONG>(dtmJson, "language"));
-    comm.Attach(new frame::CommunicationDescriptor(Number<BYTE>(commJson, "category"), Text(commJson, "name")));
+    ComPtr<frame::DtmDescriptor> dtm = new frame::DtmDescriptor(
+        Number<BYTE>(dtmJson, "category"), Number<LONG>(dtmJson, "classification"), Text(dtmJson, "device"),
+        Text(dtmJson, "node"));
+    dtm->application = Number<LONG>(dtmJson, "application");
+    dtm->language = Number<LONG>(dtmJson, "language");
+    ComPtr<frame::CommunicationDescriptor> comm =
+        new frame::CommunicationDescriptor(Number<BYTE>(commJson, "category"), Text(commJson, "name"));
     BSTR id = nullptr;
     Check(m_store->Create(nullptr, dtm.Get(), comm.Get(), &id), "Create");
     return _bstr_t(id, false);
@@ -193,8 +193,8 @@ void Session::WriteElements(const _bstr_t& id, const Json& instance)
         }
         if (deleted)
         {
-            ComPtr<frame::ParameterDescription> placeholder;
-            placeholder.Attach(new frame::ParameterDescription(Text(element, "name"), _variant_t(), _variant_t(), 0));
+            ComPtr<frame::ParameterDescription> placeholder =
+                new frame::ParameterDescription(Text(element, "name"), _variant_t());
             Check(m_store->WriteParameterInfo(nullptr, id, placeholder.Get()), "WriteParameterInfo of " + what);
             Check(m_store->DeleteParameter(nullptr, id, Text(element, "name")), "DeleteParameter of " + what);
             continue;
@@ -208,16 +208,15 @@ void Session::WriteElements(const _bstr_t& id, const Json& instance)
         }
         const DWORD dataType = Number<DWORD>(element, "dataType");
         Require(dataType <= 0xFF, what + ": the data type must fit a byte");
-        ComPtr<frame::ParameterDescription> parameter;
-        parameter.Attach(
-            new frame::ParameterDescription(Text(element, "name"), value, defaultValue, static_cast<BYTE>(dataType)));
-        parameter->put_m_index(Number<LONG>(element, "index"));
-        parameter->put_m_size(Number<LONG>(element, "size"));
-        parameter->put_m_objectType(Number<LONG>(element, "objectType"));
-        parameter->m_isMandatory = Flag(element, "mandatory") ? VARIANT_TRUE : VARIANT_FALSE;
-        parameter->m_isPrivate = Flag(element, "private") ? VARIANT_TRUE : VARIANT_FALSE;
-        parameter->put_m_protected(Flag(element, "protected") ? VARIANT_TRUE : VARIANT_FALSE);
-        parameter->put_m_locked(Flag(element, "locked") ? VARIANT_TRUE : VARIANT_FALSE);
+        ComPtr<frame::ParameterDescription> parameter =
+            new frame::ParameterDescription(Text(element, "name"), value, defaultValue, static_cast<BYTE>(dataType));
+        parameter->index = Number<LONG>(element, "index");
+        parameter->size = Number<LONG>(element, "size");
+        parameter->objectType = Number<LONG>(element, "objectType");
+        parameter->mandatory = Flag(element, "mandatory") ? VARIANT_TRUE : VARIANT_FALSE;
+        parameter->isPrivate = Flag(element, "private") ? VARIANT_TRUE : VARIANT_FALSE;
+        parameter->isProtected = Flag(element, "protected") ? VARIANT_TRUE : VARIANT_FALSE;
+        parameter->locked = Flag(element, "locked") ? VARIANT_TRUE : VARIANT_FALSE;
         Check(m_store->WriteParameterInfo(nullptr, id, parameter.Get()), "WriteParameterInfo of " + what);
     }
 }

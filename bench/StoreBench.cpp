@@ -165,10 +165,8 @@ bool Measure(IFbInstanceData* store, IInstanceDataMgr* manager, const std::wstri
     ComPtr<IStorage> root;
     if (FAILED(manager->OpenStorage(_bstr_t(file.c_str()), root.GetAddressOf())))
         return false;
-    ComPtr<IFdtDtmDescriptor> dtm;
-    ComPtr<IFdtCommunicationDescriptor> comm;
-    dtm.Attach(new frame::DtmDescriptor(1, 0, L"Bench device", L"Bench node"));
-    comm.Attach(new frame::CommunicationDescriptor(1, L"Bench"));
+    ComPtr<IFdtDtmDescriptor> dtm = new frame::DtmDescriptor(1, 0, L"Bench device", L"Bench node");
+    ComPtr<IFdtCommunicationDescriptor> comm = new frame::CommunicationDescriptor(1, L"Bench");
     std::vector<Row> rows;
     const int rounds = parameters >= 1000 ? 3 : 10;
     const int many = 300;   // rounds of the calls that cost a few microseconds
@@ -215,7 +213,7 @@ bool Measure(IFbInstanceData* store, IInstanceDataMgr* manager, const std::wstri
     for (int p = 0; p < parameters; ++p)
     {
         names.push_back(Name(p));
-        descriptions[p].Attach(new frame::ParameterDescription(names[p], _variant_t(0L), _variant_t(0L), VT_I4));
+        descriptions[p] = new frame::ParameterDescription(names[p], _variant_t(0L), _variant_t(0L), VT_I4);
     }
     const _bstr_t group(L"G");
     int defined = 0;

@@ -222,10 +222,9 @@ std::vector<_bstr_t> CreateInstances(Session& session)
     std::vector<_bstr_t> ids;
     for (const Plan& plan : plans)
     {
-        ComPtr<IFdtDtmDescriptor> dtm;
-        ComPtr<IFdtCommunicationDescriptor> comm;
-        dtm.Attach(new DtmDescriptor(plan.category, plan.classification, plan.device, plan.node));
-        comm.Attach(new CommunicationDescriptor(plan.commCategory, plan.protocol));
+        ComPtr<DtmDescriptor> dtm = new DtmDescriptor(plan.category, plan.classification, plan.device, plan.node);
+        ComPtr<CommunicationDescriptor> comm = new CommunicationDescriptor(plan.commCategory, plan.protocol);
+        dtm->language = 0x407;
         ids.push_back(CreateInstance(session, dtm.Get(), comm.Get()));
         std::printf("  created %s: %s\n", Narrow(ids.back()).c_str(), Narrow(plan.device).c_str());
     }
@@ -353,9 +352,9 @@ void ParametersAndGroups(Session& session, const _bstr_t& device)
                  {L"Alarm", _variant_t(true), _variant_t(false), 11}};
     for (const auto& plan : plans)
     {
-        ComPtr<ParameterDescription> description;
-        description.Attach(new ParameterDescription(plan.name, plan.value, plan.defaultValue, plan.dataType));
-        description->m_isMandatory = plan.dataType == 5 ? VARIANT_TRUE : VARIANT_FALSE;
+        ComPtr<ParameterDescription> description =
+            new ParameterDescription(plan.name, plan.value, plan.defaultValue, plan.dataType);
+        description->mandatory = plan.dataType == 5 ? VARIANT_TRUE : VARIANT_FALSE;
         Check(session.store->WriteParameterInfo(nullptr, device, description.Get()), "define a parameter");
     }
     std::printf("  defined UpperRange, Unit, Damping and Alarm\n");

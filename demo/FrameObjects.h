@@ -1,18 +1,18 @@
 #pragma once
 // The frame side of the FDT interfaces: descriptor and parameter objects of
 // a frame's own, as a frame hands them to the store. They carry no type
-// information. Used by the demo frame and the benchmark.
+// information: the store must take any implementation. Used by the demo
+// frame, the store tool's import, the benchmark and the tests.
 #include <windows.h>
 #include <ole2.h>
 #include <comutil.h>
+#include <functional>
 #include "FdtInterfaces.h"
 #include "Common/VariantCopy.h"
 
 namespace frame
 {
 
-// A frame hands the store the descriptors of its DTMs: objects of its own
-// that implement the descriptor interfaces. These carry no type information.
 template <class Interface>
 class FrameObject : public Interface
 {
@@ -23,26 +23,15 @@ public:
             return E_POINTER;
         const bool known = iid == IID_IUnknown || iid == IID_IDispatch || iid == __uuidof(Interface);
         *object = known ? static_cast<Interface*>(this) : nullptr;
-        if (!known)
-            return E_NOINTERFACE;
-        AddRef();
-        return S_OK;
+        return known ? (AddRef(), S_OK) : E_NOINTERFACE;
     }
     STDMETHODIMP_(ULONG) AddRef() override { return ++m_references; }
     STDMETHODIMP_(ULONG) Release() override
     {
         const ULONG left = --m_references;
-        if (!left)
-            delete this;
-        return left;
+        return left ? left : (delete this, 0);
     }
-    STDMETHODIMP GetTypeInfoCount(UINT* count) override
-    {
-        if (!count)
-            return E_POINTER;
-        *count = 0;
-        return S_OK;
-    }
+    STDMETHODIMP GetTypeInfoCount(UINT* count) override { return count ? (*count = 0, S_OK) : E_POINTER; }
     STDMETHODIMP GetTypeInfo(UINT, LCID, ITypeInfo**) override { return E_NOTIMPL; }
     STDMETHODIMP GetIDsOfNames(REFIID, LPOLESTR*, UINT, LCID, DISPID*) override { return E_NOTIMPL; }
     STDMETHODIMP Invoke(DISPID, REFIID, LCID, WORD, DISPPARAMS*, VARIANT*, EXCEPINFO*, UINT*) override
@@ -51,120 +40,91 @@ public:
     }
     virtual ~FrameObject() = default;
 
+    // Runs before every getter with the property's name ("device"); a failure
+    // is the getter's result. A frame's object may call back or fail there.
+    std::function<HRESULT(const char* property)> beforeGet;
+
 protected:
-    static HRESULT Out(BSTR* out, const _bstr_t& text)
+    template <class T, class Field>
+    HRESULT Give(const char* property, T* out, const Field& field)
     {
         if (!out)
             return E_POINTER;
-        *out = text.copy();
-        return S_OK;
+        const HRESULT hr = beforeGet ? beforeGet(property) : S_OK;
+        return FAILED(hr) ? hr : Copy(out, field);
     }
+    static HRESULT Copy(BSTR* out, const _bstr_t& field) { return *out = field.copy(), S_OK; }
+    // A null string stays null (the platform's VariantCopy would make it empty).
+    static HRESULT Copy(VARIANT* out, const _variant_t& field) { return CopyVariant(field, *out); }
     template <class T>
-    static HRESULT Out(T* out, T value)
-    {
-        if (!out)
-            return E_POINTER;
-        *out = value;
-        return S_OK;
-    }
+    static HRESULT Copy(T* out, T field) { return *out = field, S_OK; }
 
 private:
-    ULONG m_references = 1;
+    ULONG m_references = 0;
 };
+
+#define FRAME_PROPERTY(name, type, field)                                             \
+    STDMETHODIMP get_m_##name(type* out) override { return Give(#name, out, field); } \
+    STDMETHODIMP put_m_##name(type in) override { return field = in, S_OK; }
 
 class DtmDescriptor final : public FrameObject<IFdtDtmDescriptor>
 {
 public:
-    DtmDescriptor(BYTE category, LONG classification, const wchar_t* device, const wchar_t* node)
-        : m_category(category), m_classification(classification), m_device(device), m_node(node)
+    explicit DtmDescriptor(BYTE category = 1, LONG classification = 0, const wchar_t* device = nullptr,
+                           const wchar_t* node = nullptr)
+        : category(category), classification(classification), device(device), node(node)
     {
     }
-    STDMETHODIMP get_m_category(BYTE* value) override { return Out(value, m_category); }
-    STDMETHODIMP put_m_category(BYTE value) override { return m_category = value, S_OK; }
-    STDMETHODIMP get_m_classification(LONG* value) override { return Out(value, m_classification); }
-    STDMETHODIMP put_m_classification(LONG value) override { return m_classification = value, S_OK; }
-    STDMETHODIMP get_m_device(BSTR* value) override { return Out(value, m_device); }
-    STDMETHODIMP put_m_device(BSTR value) override { return m_device = value, S_OK; }
-    STDMETHODIMP get_m_node(BSTR* value) override { return Out(value, m_node); }
-    STDMETHODIMP put_m_node(BSTR value) override { return m_node = value, S_OK; }
-    STDMETHODIMP get_m_application(LONG* value) override { return Out(value, m_application); }
-    STDMETHODIMP put_m_application(LONG value) override { return m_application = value, S_OK; }
-    STDMETHODIMP get_m_language(LONG* value) override { return Out(value, m_language); }
-    STDMETHODIMP put_m_language(LONG value) override { return m_language = value, S_OK; }
-
-private:
-    BYTE m_category;
-    LONG m_classification;
-    _bstr_t m_device;
-    _bstr_t m_node;
-    LONG m_application = 0x020001FE;
-    LONG m_language = 0x407;
+    BYTE category;
+    LONG classification, application = 0x020001FE, language = 0x400;
+    _bstr_t device, node;
+    FRAME_PROPERTY(category, BYTE, category)
+    FRAME_PROPERTY(classification, LONG, classification)
+    FRAME_PROPERTY(device, BSTR, device)
+    FRAME_PROPERTY(node, BSTR, node)
+    FRAME_PROPERTY(application, LONG, application)
+    FRAME_PROPERTY(language, LONG, language)
 };
 
 class CommunicationDescriptor final : public FrameObject<IFdtCommunicationDescriptor>
 {
 public:
-    CommunicationDescriptor(BYTE category, const wchar_t* name) : m_category(category), m_name(name) {}
-    STDMETHODIMP get_m_category(BYTE* value) override { return Out(value, m_category); }
-    STDMETHODIMP put_m_category(BYTE value) override { return m_category = value, S_OK; }
-    STDMETHODIMP get_m_name(BSTR* value) override { return Out(value, m_name); }
-    STDMETHODIMP put_m_name(BSTR value) override { return m_name = value, S_OK; }
-
-private:
-    BYTE m_category;
-    _bstr_t m_name;
+    explicit CommunicationDescriptor(BYTE category = 1, const wchar_t* name = nullptr) : category(category), name(name) {}
+    BYTE category;
+    _bstr_t name;
+    FRAME_PROPERTY(category, BYTE, category)
+    FRAME_PROPERTY(name, BSTR, name)
 };
 
 // A parameter description as the frame hands it to the store.
 class ParameterDescription final : public FrameObject<IFdtParameter>
 {
 public:
-    ParameterDescription(const wchar_t* name, const _variant_t& value, const _variant_t& defaultValue, BYTE dataType)
-        : m_name(name), m_dataType(dataType)
+    ParameterDescription(const wchar_t* name, const _variant_t& value, const _variant_t& defaultValue = _variant_t(),
+                         BYTE dataType = 0)
+        : name(name), dataType(dataType)
     {
-        CopyVariant(value, m_value.GetVARIANT());
-        CopyVariant(defaultValue, m_defaultValue.GetVARIANT());
+        CopyVariant(value, this->value.GetVARIANT());
+        CopyVariant(defaultValue, this->defaultValue.GetVARIANT());
     }
-    VARIANT_BOOL m_isMandatory = VARIANT_FALSE;
-    VARIANT_BOOL m_isPrivate = VARIANT_FALSE;
-
-    STDMETHODIMP get_m_name(BSTR* value) override { return Out(value, m_name); }
-    STDMETHODIMP put_m_name(BSTR value) override { return m_name = value, S_OK; }
-    // A null string stays null (the platform's VariantCopy would make it empty).
-    STDMETHODIMP get_m_value(VARIANT* value) override { return value ? CopyVariant(m_value, *value) : E_POINTER; }
-    STDMETHODIMP put_m_value(VARIANT value) override { return m_value = value, S_OK; }
-    STDMETHODIMP get_m_defaultValue(VARIANT* value) override
-    {
-        return value ? CopyVariant(m_defaultValue, *value) : E_POINTER;
-    }
-    STDMETHODIMP put_m_defaultValue(VARIANT value) override { return m_defaultValue = value, S_OK; }
-    STDMETHODIMP get_m_index(LONG* value) override { return Out(value, m_index); }
-    STDMETHODIMP put_m_index(LONG value) override { return m_index = value, S_OK; }
-    STDMETHODIMP get_m_dataType(BYTE* value) override { return Out(value, m_dataType); }
-    STDMETHODIMP put_m_dataType(BYTE value) override { return m_dataType = value, S_OK; }
-    STDMETHODIMP get_m_size(LONG* value) override { return Out(value, m_size); }
-    STDMETHODIMP put_m_size(LONG value) override { return m_size = value, S_OK; }
-    STDMETHODIMP get_m_objectType(LONG* value) override { return Out(value, m_objectType); }
-    STDMETHODIMP put_m_objectType(LONG value) override { return m_objectType = value, S_OK; }
-    STDMETHODIMP get_m_mandatory(VARIANT_BOOL* value) override { return Out(value, m_isMandatory); }
-    STDMETHODIMP put_m_mandatory(VARIANT_BOOL value) override { return m_isMandatory = value, S_OK; }
-    STDMETHODIMP get_m_private(VARIANT_BOOL* value) override { return Out(value, m_isPrivate); }
-    STDMETHODIMP put_m_private(VARIANT_BOOL value) override { return m_isPrivate = value, S_OK; }
-    STDMETHODIMP get_m_protected(VARIANT_BOOL* value) override { return Out(value, m_isProtected); }
-    STDMETHODIMP put_m_protected(VARIANT_BOOL value) override { return m_isProtected = value, S_OK; }
-    STDMETHODIMP get_m_locked(VARIANT_BOOL* value) override { return Out(value, m_isLocked); }
-    STDMETHODIMP put_m_locked(VARIANT_BOOL value) override { return m_isLocked = value, S_OK; }
-
-private:
-    _bstr_t m_name;
-    _variant_t m_value;
-    _variant_t m_defaultValue;
-    BYTE m_dataType;
-    LONG m_index = 0;
-    LONG m_size = 0;
-    LONG m_objectType = 0;
-    VARIANT_BOOL m_isProtected = VARIANT_FALSE;
-    VARIANT_BOOL m_isLocked = VARIANT_FALSE;
+    _bstr_t name;
+    _variant_t value, defaultValue;
+    BYTE dataType;
+    LONG index = 0, size = 0, objectType = 0;
+    VARIANT_BOOL mandatory = VARIANT_FALSE, isPrivate = VARIANT_FALSE, isProtected = VARIANT_FALSE,
+                 locked = VARIANT_FALSE;
+    FRAME_PROPERTY(name, BSTR, name)
+    FRAME_PROPERTY(value, VARIANT, value)
+    FRAME_PROPERTY(defaultValue, VARIANT, defaultValue)
+    FRAME_PROPERTY(index, LONG, index)
+    FRAME_PROPERTY(dataType, BYTE, dataType)
+    FRAME_PROPERTY(size, LONG, size)
+    FRAME_PROPERTY(objectType, LONG, objectType)
+    FRAME_PROPERTY(mandatory, VARIANT_BOOL, mandatory)
+    FRAME_PROPERTY(private, VARIANT_BOOL, isPrivate)
+    FRAME_PROPERTY(protected, VARIANT_BOOL, isProtected)
+    FRAME_PROPERTY(locked, VARIANT_BOOL, locked)
 };
+#undef FRAME_PROPERTY
 
 }  // namespace frame

@@ -2,7 +2,6 @@
 #include <algorithm>
 #include <fstream>
 #include <iterator>
-#include "TestObject.h"
 
 HMODULE ServerModule::Handle()
 {
@@ -321,8 +320,8 @@ void StoreSession::Replace(const wchar_t* path, const Bytes& bytes)
 
 std::wstring StoreSession::NewInstance(IFdtDtmDescriptor* dtm, IFdtCommunicationDescriptor* comm)
 {
-    ComPtr<IFdtDtmDescriptor> ownDtm = dtm ? dtm : new TestDtmDescriptor;
-    ComPtr<IFdtCommunicationDescriptor> ownComm = comm ? comm : new TestCommDescriptor;
+    ComPtr<IFdtDtmDescriptor> ownDtm = dtm ? dtm : new DtmDescriptor;
+    ComPtr<IFdtCommunicationDescriptor> ownComm = comm ? comm : new CommunicationDescriptor;
     _bstr_t id;
     EXPECT_EQ(S_OK, m_store->Create(nullptr, ownDtm.Get(), ownComm.Get(), id.GetAddress()));
     return Str(id);
@@ -339,7 +338,7 @@ Names StoreSession::InstanceList()
 
 HRESULT StoreSession::Define(const wchar_t* name, const _variant_t& value, const _variant_t& defaultValue)
 {
-    return Define(ComPtr<TestParameter>(new TestParameter(name, value, defaultValue)).Get());
+    return Define(ComPtr<ParameterDescription>(new ParameterDescription(name, value, defaultValue)).Get());
 }
 
 _variant_t StoreSession::Read(const wchar_t* name, HRESULT expected)

@@ -11,11 +11,15 @@
 #include "FdtInterfaces.h"
 #include "InstanceDataLib.h"
 #include "PK_Trace.h"
+#include "demo/FrameObjects.h"
 
 using Microsoft::WRL::ComPtr;
 typedef std::vector<unsigned char> Bytes;
 typedef std::vector<std::wstring> Names;
 typedef std::vector<_variant_t> Values;
+using frame::CommunicationDescriptor;
+using frame::DtmDescriptor;
+using frame::ParameterDescription;
 
 // InstanceData.dll loaded once per test program, reached through its exports.
 struct ServerModule
@@ -24,6 +28,12 @@ struct ServerModule
     static HRESULT GetClassObject(REFCLSID clsid, REFIID iid, void** object);
     static HRESULT CanUnloadNow();
 };
+
+// For a frame object's beforeGet: the getter of property fails with E_ACCESSDENIED.
+inline std::function<HRESULT(const char*)> FailingGetter(std::string property)
+{
+    return [=](const char* name) { return property == name ? E_ACCESSDENIED : S_OK; };
+}
 
 // The store object through DllGetClassObject and IClassFactory::CreateInstance;
 // null when that fails. It asserts nothing: worker threads call it too.

@@ -7,7 +7,6 @@
 #include <memory>
 #include <set>
 #include "TestSupport.h"
-#include "TestObject.h"
 
 namespace
 {
@@ -94,10 +93,10 @@ bool WrittenBySomeThread(int p, const _variant_t& value)
 // A new instance with every parameter described.
 HRESULT NewDescribed(IFbInstanceData* store, _bstr_t& id)
 {
-    HRESULT hr = store->Create(nullptr, ComPtr<TestDtmDescriptor>(new TestDtmDescriptor).Get(),
-                               ComPtr<TestCommDescriptor>(new TestCommDescriptor).Get(), id.GetAddress());
+    HRESULT hr = store->Create(nullptr, ComPtr<DtmDescriptor>(new DtmDescriptor).Get(),
+                               ComPtr<CommunicationDescriptor>(new CommunicationDescriptor).Get(), id.GetAddress());
     for (int p = 0; SUCCEEDED(hr) && p < kParameters; ++p)
-        hr = store->WriteParameterInfo(nullptr, id, ComPtr<TestParameter>(new TestParameter(Name(p), ValueOf(p, 0, 0))).Get());
+        hr = store->WriteParameterInfo(nullptr, id, ComPtr<ParameterDescription>(new ParameterDescription(Name(p), ValueOf(p, 0, 0))).Get());
     return hr;
 }
 
@@ -247,10 +246,10 @@ TEST_F(Concurrency, CallerObjectsOfAnyApartment)
                           "ReadParameter from the caller's object");
         };
         const auto makeObjects = [&](const std::function<void()>& onGet, const std::function<void()>& onSave) {
-            auto* descriptor = new TestDtmDescriptor;
-            auto* info = new TestParameter(L"FromCaller", _variant_t(static_cast<IUnknown*>(new CallingBackFont(onSave))));
+            auto* descriptor = new DtmDescriptor;
+            auto* info = new ParameterDescription(L"FromCaller", _variant_t(static_cast<IUnknown*>(new CallingBackFont(onSave))));
             descriptor->device = L"caller's device";
-            descriptor->onGet = info->onGet = onGet;
+            descriptor->beforeGet = info->beforeGet = [onGet](const char*) { return onGet(), S_OK; };
             dtm = descriptor, parameter = info;
         };
         std::unique_ptr<Apartment> other;
@@ -290,7 +289,7 @@ TEST_F(Concurrency, CallerObjectsOfAnyApartment)
             makeObjects([&] { readBack(Store()); }, [&] { readBack(Store()); });
         if (dtm && parameter)
         {
-            EXPECT_EQ(S_OK, Store()->Create(nullptr, dtm.Get(), ComPtr<TestCommDescriptor>(new TestCommDescriptor).Get(),
+            EXPECT_EQ(S_OK, Store()->Create(nullptr, dtm.Get(), ComPtr<CommunicationDescriptor>(new CommunicationDescriptor).Get(),
                                             id.GetAddress()));
             EXPECT_EQ(S_OK, Store()->WriteParameterInfo(nullptr, id, parameter.Get()));
             _variant_t value;

@@ -2,7 +2,6 @@
 // identifiers, the cached instance storage, duplicating, locking, damaged streams.
 #include <cwchar>
 #include <functional>
-#include "TestObject.h"
 #include "TestSupport.h"
 
 namespace
@@ -56,10 +55,10 @@ TEST_F(Instances, NewInstancesAndTheirIdentification)
     ASSERT_EQ(S_OK, comm->put_m_name(_bstr_t(L"A")));
     EXPECT_EQ(L"1", NewInstance(dtm.Get(), comm.Get()));
 
-    ComPtr<TestDtmDescriptor> ownDtm = new TestDtmDescriptor;
+    ComPtr<DtmDescriptor> ownDtm = new DtmDescriptor;
     ownDtm->category = 7, ownDtm->classification = -2, ownDtm->device = L"Dev";
     ownDtm->application = 0x12345678, ownDtm->language = 0x407;
-    ComPtr<TestCommDescriptor> ownComm = new TestCommDescriptor;
+    ComPtr<CommunicationDescriptor> ownComm = new CommunicationDescriptor;
     ownComm->category = 0xFE, ownComm->name = L"HART";
     EXPECT_EQ(L"2", NewInstance(ownDtm.Get(), ownComm.Get()));
     EXPECT_EQ(L"7,-2,Dev,,12345678,407;254,HART;DVL/QTS-WMR-VQ_INSTANCEDATA", Identify(Store(), L"2"));
@@ -71,16 +70,16 @@ TEST_F(Instances, NewInstancesAndTheirIdentification)
 // fails leaves nothing behind. Without an open file nothing works.
 TEST_F(Instances, BadCreatesLeaveNothingBehind)
 {
-    ComPtr<TestDtmDescriptor> dtm = new TestDtmDescriptor;
-    ComPtr<TestCommDescriptor> comm = new TestCommDescriptor;
+    ComPtr<DtmDescriptor> dtm = new DtmDescriptor;
+    ComPtr<CommunicationDescriptor> comm = new CommunicationDescriptor;
     BSTR id = nullptr;
     EXPECT_EQ(E_POINTER, Store()->Create(nullptr, dtm.Get(), comm.Get(), nullptr));
     EXPECT_EQ(E_POINTER, Store()->Create(nullptr, nullptr, comm.Get(), &id));
     EXPECT_EQ(E_POINTER, Store()->Create(nullptr, dtm.Get(), nullptr, &id));
-    comm->failing = "name";
+    comm->beforeGet = FailingGetter("name");
     EXPECT_EQ(E_ACCESSDENIED, Store()->Create(nullptr, dtm.Get(), comm.Get(), &id));
     EXPECT_EQ(nullptr, id);
-    comm->failing.clear();
+    comm->beforeGet = nullptr;
     EXPECT_EQ(L"1", NewInstance(dtm.Get(), comm.Get()));
     EXPECT_EQ((Names{L"1"}), InstanceList());
 
@@ -115,8 +114,8 @@ TEST_F(Instances, NumberingAndTheList)
     Replace(L"admin", ByteBuilder().U32(1).U32(0xFFFFFFFF));
     BSTR id = nullptr;
     TraceCapture trace;
-    EXPECT_EQ(E_FAIL, Store()->Create(nullptr, ComPtr<TestDtmDescriptor>(new TestDtmDescriptor).Get(),
-                                      ComPtr<TestCommDescriptor>(new TestCommDescriptor).Get(), &id));
+    EXPECT_EQ(E_FAIL, Store()->Create(nullptr, ComPtr<DtmDescriptor>(new DtmDescriptor).Get(),
+                                      ComPtr<CommunicationDescriptor>(new CommunicationDescriptor).Get(), &id));
     EXPECT_TRUE(trace.Contains("FbInstanceData::Create no instance number is left")) << trace.Text();
     EXPECT_EQ((Names{L"1", L"3", L"4", L"5"}), InstanceList());
     EXPECT_EQ(Bytes(ByteBuilder().U32(1).U32(0xFFFFFFFF)), Stream(L"admin"));
@@ -210,7 +209,7 @@ TEST_F(Instances, TheCacheNeverOutlivesItsInstance)
              DeleteFileW(other.c_str());
              ComPtr<IStorage> root;
              ASSERT_EQ(S_OK, t.Manager()->OpenStorage(_bstr_t(other.c_str()), root.GetAddressOf()));
-             ComPtr<TestDtmDescriptor> dtm = new TestDtmDescriptor;
+             ComPtr<DtmDescriptor> dtm = new DtmDescriptor;
              dtm->device = L"B";
              EXPECT_EQ(L"1", t.NewInstance(dtm.Get()));
              EXPECT_EQ(L"1,0,B,,20001fe,400;1,;DVL/QTS-WMR-VQ_INSTANCEDATA", Identify(t.Store(), L"1"));

@@ -2,7 +2,6 @@
 // equal value leaves alone, deletion, the locked and protected flags, lists
 // of values and the arrays callers pass.
 #include <limits>
-#include "TestObject.h"
 #include "TestSupport.h"
 
 namespace
@@ -55,8 +54,8 @@ TEST_F(ParameterAccess, BadArgumentsChangeNothing)
 
     // A description whose getter fails leaves the stream as it was.
     ASSERT_EQ(S_OK, Define(L"p", _variant_t(1L)));
-    ComPtr<TestParameter> broken = new TestParameter(L"p", _variant_t(2L), _variant_t());
-    broken->failing = "private";
+    ComPtr<ParameterDescription> broken = new ParameterDescription(L"p", _variant_t(2L), _variant_t());
+    broken->beforeGet = FailingGetter("private");
     EXPECT_EQ(E_ACCESSDENIED, Define(broken.Get()));
     EXPECT_EQ(_variant_t(1L), Read(L"p"));
 }
@@ -120,7 +119,7 @@ TEST_F(ParameterAccess, DeletedParameterKeepsItsNameAndStream)
 // committed along; a flag that changes commits, and no failed write is pending.
 TEST_F(ParameterAccess, Flags)
 {
-    ComPtr<TestParameter> parameter = new TestParameter(L"p", BstrValue(L"value"), _variant_t(7L));
+    ComPtr<ParameterDescription> parameter = new ParameterDescription(L"p", BstrValue(L"value"), _variant_t(7L));
     parameter->mandatory = 1;   // any nonzero VARIANT_BOOL is true
     ASSERT_EQ(S_OK, Define(parameter.Get()));
     ASSERT_EQ(S_OK, Define(L"q", _variant_t(2L)));

@@ -2,7 +2,6 @@
 // check, every VARTYPE there and back, persisted objects, values that have no
 // stored form, and damaged streams.
 #include <olectl.h>
-#include "TestObject.h"
 #include "TestSupport.h"
 
 namespace
@@ -53,21 +52,21 @@ ComPtr<IFont> AsFont(IUnknown* object)
 
 TEST_F(ParameterStreams, FileForTheIndependentCheck)
 {
-    ComPtr<TestParameter> b = new TestParameter(L"b", Typed<LONG>(VT_I4, 0x01020304), Typed<SHORT>(VT_BOOL, -1));
+    ComPtr<ParameterDescription> b = new ParameterDescription(L"b", Typed<LONG>(VT_I4, 0x01020304), Typed<SHORT>(VT_BOOL, -1));
     b->index = -5, b->dataType = 0xFF, b->size = 7, b->objectType = 9, b->locked = VARIANT_TRUE;
-    ComPtr<TestParameter> a = new TestParameter(L"a", _variant_t(), BstrValue(nullptr));
+    ComPtr<ParameterDescription> a = new ParameterDescription(L"a", _variant_t(), BstrValue(nullptr));
     a->index = 0x11, a->dataType = 0x22, a->size = 0x33, a->objectType = 0x44, a->isProtected = VARIANT_TRUE;
     ASSERT_EQ(S_OK, Define(b.Get()));
     ASSERT_EQ(S_OK, Define(a.Get()));
 
     ASSERT_EQ(L"2", NewInstance());
-    ComPtr<TestParameter> m = new TestParameter(L"m", BstrValue(L""), Typed<SHORT>(VT_BOOL, 0));
+    ComPtr<ParameterDescription> m = new ParameterDescription(L"m", BstrValue(L""), Typed<SHORT>(VT_BOOL, 0));
     m->mandatory = VARIANT_TRUE;
-    ComPtr<TestParameter> p = new TestParameter(L"p", BstrValue(L"abc"), Typed<double>(VT_R8, 1.5));
+    ComPtr<ParameterDescription> p = new ParameterDescription(L"p", BstrValue(L"abc"), Typed<double>(VT_R8, 1.5));
     p->isPrivate = -1;
-    ComPtr<TestParameter> w = new TestParameter(L"w", Typed<CHAR>(VT_I1, -2), Typed<LONGLONG>(VT_CY, 12345));
-    ComPtr<TestParameter> x = new TestParameter(L"x", Typed<USHORT>(VT_UI2, 0xBEEF), Typed<LONGLONG>(VT_I8, -7));
-    for (TestParameter* parameter : {m.Get(), p.Get(), w.Get(), x.Get()})
+    ComPtr<ParameterDescription> w = new ParameterDescription(L"w", Typed<CHAR>(VT_I1, -2), Typed<LONGLONG>(VT_CY, 12345));
+    ComPtr<ParameterDescription> x = new ParameterDescription(L"x", Typed<USHORT>(VT_UI2, 0xBEEF), Typed<LONGLONG>(VT_I8, -7));
+    for (ParameterDescription* parameter : {m.Get(), p.Get(), w.Get(), x.Get()})
         ASSERT_EQ(S_OK, Define(parameter, L"2"));
     Commit();
     Keep();
@@ -110,8 +109,8 @@ TEST_F(ParameterStreams, ObjectsTravelInThePlatformPersistedForm)
     ASSERT_EQ(S_OK, OleCreateFontIndirect(&description, IID_IFont, reinterpret_cast<void**>(font.GetAddressOf())));
     ComPtr<IDispatch> dispatch;
     ASSERT_EQ(S_OK, font.As(&dispatch));
-    ComPtr<TestParameter> parameter =
-        new TestParameter(L"font", _variant_t(dispatch.Get()), _variant_t(static_cast<IUnknown*>(font.Get())));
+    ComPtr<ParameterDescription> parameter =
+        new ParameterDescription(L"font", _variant_t(dispatch.Get()), _variant_t(static_cast<IUnknown*>(font.Get())));
     parameter->objectType = 42;
     ASSERT_EQ(S_OK, Define(parameter.Get()));
 
@@ -144,7 +143,7 @@ TEST_F(ParameterStreams, ValuesWithoutAStoredFormAreRefused)
     const HRESULT conversion = VariantChangeType(&text, &arrayValue, 0, VT_BSTR);
     EXPECT_TRUE(FAILED(conversion));
     V_VT(&null) = VT_NULL;
-    ComPtr<TestParameter> notPersistable = new TestParameter(L"x", _variant_t());
+    ComPtr<ParameterDescription> notPersistable = new ParameterDescription(L"x", _variant_t());
 
     TraceCapture trace;
     EXPECT_EQ(conversion, Define(L"array", arrayValue));

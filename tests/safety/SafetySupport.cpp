@@ -155,8 +155,8 @@ Snapshot Take(IFbInstanceData* store)
 
 HRESULT CreateIn(IFbInstanceData* store, _bstr_t* id, const wchar_t* node)
 {
-    ComPtr<TestDtmDescriptor> dtm = new TestDtmDescriptor;
-    ComPtr<TestCommDescriptor> comm = new TestCommDescriptor;
+    ComPtr<DtmDescriptor> dtm = new DtmDescriptor;
+    ComPtr<CommunicationDescriptor> comm = new CommunicationDescriptor;
     if (node)
     {
         dtm->device = L"device";
@@ -204,7 +204,7 @@ const std::wstring& ModelFile()
     };
     for (const auto& parameter : parameters)
     {
-        ComPtr<TestParameter> info = new TestParameter(parameter.name, parameter.value, parameter.defaultValue);
+        ComPtr<ParameterDescription> info = new ParameterDescription(parameter.name, parameter.value, parameter.defaultValue);
         info->index = 3;
         info->mandatory = VARIANT_TRUE;
         EXPECT_EQ(S_OK, store->WriteParameterInfo(nullptr, B(parameter.id), info.Get()));

@@ -4,7 +4,6 @@
 #include <map>
 #include <string>
 #include "TestSupport.h"
-#include "TestObject.h"
 
 namespace safety
 {
@@ -38,7 +37,7 @@ HRESULT CreateIn(IFbInstanceData* store, _bstr_t* id = nullptr, const wchar_t* n
 inline HRESULT DefineIn(IFbInstanceData* store, const wchar_t* id, const wchar_t* name, const _variant_t& value,
                         const _variant_t& defaultValue = _variant_t())
 {
-    ComPtr<TestParameter> parameter = new TestParameter(name, value, defaultValue);
+    ComPtr<ParameterDescription> parameter = new ParameterDescription(name, value, defaultValue);
     return store->WriteParameterInfo(nullptr, B(id), parameter.Get());
 }
 inline HRESULT GroupIn(IFbInstanceData* store, const wchar_t* id, const wchar_t* name, BYTE groupId, const Names& members)
