@@ -8,6 +8,8 @@ set -uo pipefail
 root="$(cd "$(dirname "$0")/.." && pwd)"
 files="${1:-10000}" first="${2:-0}" batch="${3:-500}" arch="${4:-x86_64}"
 build="$root/build/$arch"
+run="$root/scripts/wine-run.sh"
+[ "$arch" = i686 ] && run="$root/scripts/wine32-run.sh"   # under the 32-bit emulation
 cmake --build "$build" -j2 --target SafetyTest >/dev/null || exit 1
 export WINEPREFIX="$build/wineprefix-safety"
 log="$build/testfiles/damage-campaign.log"
@@ -18,7 +20,7 @@ start=$(date +%s)
 for ((seed = first; seed < first + files; seed += batch)); do
   n=$((first + files - seed < batch ? first + files - seed : batch))
   out="$(cd "$build" && SAFETY_DAMAGE_FIRST=$seed SAFETY_DAMAGE_COUNT=$n \
-         timeout 7200 "$root/scripts/wine-run.sh" ./SafetyTest.exe --gtest_filter=DamagedFiles.* 2>&1)"
+         timeout 7200 "$run" ./SafetyTest.exe --gtest_filter=DamagedFiles.* 2>&1)"
   rc=$?
   echo "$out" >>"$log"
   summary="$(grep '^damaged files:' <<<"$out")"
