@@ -89,7 +89,10 @@ public:
 class CommunicationDescriptor final : public FrameObject<IFdtCommunicationDescriptor>
 {
 public:
-    explicit CommunicationDescriptor(BYTE category = 1, const wchar_t* name = nullptr) : category(category), name(name) {}
+    explicit CommunicationDescriptor(BYTE category = 1, const wchar_t* name = nullptr)
+        : category(category), name(name)
+    {
+    }
     BYTE category;
     _bstr_t name;
     FRAME_PROPERTY(category, BYTE, category)

@@ -96,7 +96,10 @@ HRESULT NewDescribed(IFbInstanceData* store, _bstr_t& id)
     HRESULT hr = store->Create(nullptr, ComPtr<DtmDescriptor>(new DtmDescriptor).Get(),
                                ComPtr<CommunicationDescriptor>(new CommunicationDescriptor).Get(), id.GetAddress());
     for (int p = 0; SUCCEEDED(hr) && p < kParameters; ++p)
-        hr = store->WriteParameterInfo(nullptr, id, ComPtr<ParameterDescription>(new ParameterDescription(Name(p), ValueOf(p, 0, 0))).Get());
+    {
+        ComPtr<IFdtParameter> parameter = new ParameterDescription(Name(p), ValueOf(p, 0, 0));
+        hr = store->WriteParameterInfo(nullptr, id, parameter.Get());
+    }
     return hr;
 }
 
@@ -247,7 +250,8 @@ TEST_F(Concurrency, CallerObjectsOfAnyApartment)
         };
         const auto makeObjects = [&](const std::function<void()>& onGet, const std::function<void()>& onSave) {
             auto* descriptor = new DtmDescriptor;
-            auto* info = new ParameterDescription(L"FromCaller", _variant_t(static_cast<IUnknown*>(new CallingBackFont(onSave))));
+            auto* info =
+                new ParameterDescription(L"FromCaller", _variant_t(static_cast<IUnknown*>(new CallingBackFont(onSave))));
             descriptor->device = L"caller's device";
             descriptor->beforeGet = info->beforeGet = [onGet](const char*) { return onGet(), S_OK; };
             dtm = descriptor, parameter = info;
@@ -289,8 +293,8 @@ TEST_F(Concurrency, CallerObjectsOfAnyApartment)
             makeObjects([&] { readBack(Store()); }, [&] { readBack(Store()); });
         if (dtm && parameter)
         {
-            EXPECT_EQ(S_OK, Store()->Create(nullptr, dtm.Get(), ComPtr<CommunicationDescriptor>(new CommunicationDescriptor).Get(),
-                                            id.GetAddress()));
+            ComPtr<IFdtCommunicationDescriptor> comm = new CommunicationDescriptor;
+            EXPECT_EQ(S_OK, Store()->Create(nullptr, dtm.Get(), comm.Get(), id.GetAddress()));
             EXPECT_EQ(S_OK, Store()->WriteParameterInfo(nullptr, id, parameter.Get()));
             _variant_t value;
             EXPECT_EQ(S_OK, parameter->get_m_value(value.GetAddress()));

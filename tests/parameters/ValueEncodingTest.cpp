@@ -52,7 +52,8 @@ ComPtr<IFont> AsFont(IUnknown* object)
 
 TEST_F(ParameterStreams, FileForTheIndependentCheck)
 {
-    ComPtr<ParameterDescription> b = new ParameterDescription(L"b", Typed<LONG>(VT_I4, 0x01020304), Typed<SHORT>(VT_BOOL, -1));
+    ComPtr<ParameterDescription> b =
+        new ParameterDescription(L"b", Typed<LONG>(VT_I4, 0x01020304), Typed<SHORT>(VT_BOOL, -1));
     b->index = -5, b->dataType = 0xFF, b->size = 7, b->objectType = 9, b->locked = VARIANT_TRUE;
     ComPtr<ParameterDescription> a = new ParameterDescription(L"a", _variant_t(), BstrValue(nullptr));
     a->index = 0x11, a->dataType = 0x22, a->size = 0x33, a->objectType = 0x44, a->isProtected = VARIANT_TRUE;
@@ -64,8 +65,10 @@ TEST_F(ParameterStreams, FileForTheIndependentCheck)
     m->mandatory = VARIANT_TRUE;
     ComPtr<ParameterDescription> p = new ParameterDescription(L"p", BstrValue(L"abc"), Typed<double>(VT_R8, 1.5));
     p->isPrivate = -1;
-    ComPtr<ParameterDescription> w = new ParameterDescription(L"w", Typed<CHAR>(VT_I1, -2), Typed<LONGLONG>(VT_CY, 12345));
-    ComPtr<ParameterDescription> x = new ParameterDescription(L"x", Typed<USHORT>(VT_UI2, 0xBEEF), Typed<LONGLONG>(VT_I8, -7));
+    ComPtr<ParameterDescription> w =
+        new ParameterDescription(L"w", Typed<CHAR>(VT_I1, -2), Typed<LONGLONG>(VT_CY, 12345));
+    ComPtr<ParameterDescription> x =
+        new ParameterDescription(L"x", Typed<USHORT>(VT_UI2, 0xBEEF), Typed<LONGLONG>(VT_I8, -7));
     for (ParameterDescription* parameter : {m.Get(), p.Get(), w.Get(), x.Get()})
         ASSERT_EQ(S_OK, Define(parameter, L"2"));
     Commit();

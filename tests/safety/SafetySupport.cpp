@@ -204,7 +204,8 @@ const std::wstring& ModelFile()
     };
     for (const auto& parameter : parameters)
     {
-        ComPtr<ParameterDescription> info = new ParameterDescription(parameter.name, parameter.value, parameter.defaultValue);
+        ComPtr<ParameterDescription> info =
+            new ParameterDescription(parameter.name, parameter.value, parameter.defaultValue);
         info->index = 3;
         info->mandatory = VARIANT_TRUE;
         EXPECT_EQ(S_OK, store->WriteParameterInfo(nullptr, B(parameter.id), info.Get()));
