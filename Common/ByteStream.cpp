@@ -87,11 +87,11 @@ HRESULT WriteWholeStream(IStream* stream, const Bytes& bytes, ULONGLONG oldSize,
 
 // ----------------------------------------------------------------- reading
 
-bool StoredString::Equals(BSTR text) const
+bool StoredString::Equals(const WCHAR* text, UINT textLength) const
 {
     if (!units || !text)
         return !units && !text;
-    return SysStringLen(text) == length && std::memcmp(units, text, length * sizeof(WCHAR)) == 0;
+    return textLength == length && std::memcmp(units, text, length * sizeof(WCHAR)) == 0;
 }
 
 HRESULT StoredString::Copy(_bstr_t& string) const

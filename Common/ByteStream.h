@@ -29,8 +29,8 @@ struct StoredString
     const BYTE* units = nullptr;   // null for the null string
     UINT length = 0;
 
-    // The same code units as text; the null string equals only null.
-    bool Equals(BSTR text) const;
+    // The same code units as the textLength of text; the null string equals only null.
+    bool Equals(const WCHAR* text, UINT textLength) const;
     HRESULT Copy(_bstr_t& string) const;
 };
 

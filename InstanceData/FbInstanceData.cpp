@@ -257,6 +257,16 @@ HRESULT RecordStream::Save(const Bytes& record, bool commit)
     return S_OK;
 }
 
+_bstr_t ElementName::Copy() const
+{
+    if (m_null)
+        return _bstr_t();
+    BSTR copy = SysAllocStringLen(m_text.data(), Length());
+    if (!copy)
+        _com_issue_error(E_OUTOFMEMORY);
+    return _bstr_t(copy, false);
+}
+
 void RecordStream::Reset()
 {
     storage.Reset();
@@ -268,6 +278,9 @@ void RecordStream::Reset()
 
 void FbInstanceData::TakeBackRewrittenRecords()
 {
+    // The stream that the operation holds may be one of them: the platform
+    // does not open a stream twice.
+    m_element.Reset();
     // Latest first: a record rewritten twice ends with what it held first.
     for (auto record = m_rewritten.rbegin(); record != m_rewritten.rend(); ++record)
     {
@@ -412,7 +425,7 @@ HRESULT FbInstanceData::WriteStreamNameMap(BSTR instanceId)
 HRESULT FbInstanceData::GetStreamName(BSTR instanceId, bool group, bool create)
 {
     RETURN_IF_FAILED_QUIET(ReadStreamNameMap(instanceId));
-    const auto found = m_streamNameMap.entries.find(m_bstrElementName);
+    const auto found = m_streamNameMap.entries.find(m_elementName.Get());
     if (found == m_streamNameMap.entries.end())
         return create ? AllocateStreamName(instanceId, group) : IDS_E_NAME_UNKNOWN;
     if (found->second.kind != (group ? ElementKindGroup : ElementKindParameter))
@@ -428,7 +441,7 @@ HRESULT FbInstanceData::GetStreamName(BSTR instanceId, bool group, bool create)
 HRESULT FbInstanceData::AllocateStreamName(BSTR instanceId, bool group)
 {
     RETURN_IF_FAILED_QUIET(ReadStreamNameMap(instanceId));
-    if (m_streamNameMap.entries.count(m_bstrElementName))
+    if (m_streamNameMap.entries.count(m_elementName.Get()))
         return IDS_E_NAME_EXISTS;
     // A counter behind the numbers in use (a damaged file, or one written by
     // another program) must not hand out a stream that holds another element:
@@ -466,7 +479,8 @@ HRESULT FbInstanceData::AllocateStreamName(BSTR instanceId, bool group)
                                    "%lu taken\n",
                                    static_cast<unsigned long>(m_streamNameMap.nextStreamNumber), instanceId,
                                    static_cast<unsigned long>(number));
-    StreamNameEntry& entry = m_streamNameMap.entries[m_bstrElementName];
+    m_element.name = m_szStreamName;
+    StreamNameEntry& entry = m_streamNameMap.entries[m_elementName.Copy()];
     entry.kind = group ? ElementKindGroup : ElementKindParameter;
     entry.number = number;
     m_highestStreamNumber = number > m_highestStreamNumber ? number : m_highestStreamNumber;

@@ -62,6 +62,27 @@ struct RecordStream
     void Reset();
 };
 
+// The name of the element an operation works on. Its buffer stays from one
+// operation to the next: naming the element allocates nothing once it has
+// held a name as long.
+class ElementName
+{
+public:
+    void Assign(BSTR name)
+    {
+        m_null = !name;
+        m_text.assign(name ? name : L"", SysStringLen(name));
+    }
+    const WCHAR* Get() const { return m_null ? nullptr : m_text.c_str(); }
+    UINT Length() const { return static_cast<UINT>(m_text.size()); }
+    // A string of its own, as a map entry or a record keeps it.
+    _bstr_t Copy() const;
+
+private:
+    std::wstring m_text;
+    bool m_null = true;
+};
+
 // Locks the elements of a list that the store reads; E_UNEXPECTED for a null
 // array, one of another rank or element kind, or one whose data is not there.
 template <class Element>
@@ -139,7 +160,8 @@ public:
     STDMETHODIMP GetInstanceDataList(IFdtContext* Context, SAFEARRAY** InstanceDataIDList) override;
 
     // The store's internal steps, in this slot order; always called through
-    // the object.
+    // the object. ReadPara and WritePara move the record of the parameter
+    // that m_elementName names; WritePara writes that name.
     virtual ~FbInstanceData();
     virtual HRESULT ReadGroup(BSTR instanceId, bool withMembers);
     virtual HRESULT WriteGroup(BSTR instanceId, bool withMembers);
@@ -197,12 +219,11 @@ private:
     // new name array; with checkMembers a member whose stream is not a
     // parameter stream ends it first.
     HRESULT GroupMemberNames(BSTR instanceId, BSTR name, ComVectorArray& names, bool checkMembers);
-    // Parameter and group streams alike: the stream of the element name (put
-    // into m_bstrElementName), its name looked up, looked up or allocated,
-    // or allocated, read whole into m_element; the stored name must be
-    // m_bstrElementName. Removal of the stream of name.
+    // Parameter and group streams alike: the stream of m_elementName, looked
+    // up, looked up or allocated, or allocated, read whole into m_element;
+    // the stored name must be m_elementName. Removal of the stream of name.
     enum class ElementLookup { Find, FindOrAllocate, Allocate };
-    HRESULT OpenElementStream(BSTR instanceId, const _bstr_t& name, bool group, ElementLookup lookup);
+    HRESULT OpenElementStream(BSTR instanceId, bool group, ElementLookup lookup);
     HRESULT CheckElementHead(HRESULT read, bool group, const StoredString& storedName);
     HRESULT DestroyElementStream(BSTR instanceId, BSTR name, bool group);
 
@@ -216,7 +237,7 @@ private:
     IStorage* m_pInstanceStorage = nullptr;
     AdminRecord m_admin;
     InstanceRecord m_instance;
-    _bstr_t m_bstrElementName;
+    ElementName m_elementName;   // of the parameter or group of the operation
     WCHAR m_szStreamName[32] = {};
     GroupRecord m_group;
     ParameterRecord m_parameter;

@@ -14,7 +14,8 @@ static const char THIS_FILE[] = "InstanceData/FbInstanceDataGroups";
 
 HRESULT FbInstanceData::ReadGroup(BSTR instanceId, bool withMembers)
 {
-    RETURN_IF_FAILED_QUIET(OpenElementStream(instanceId, m_group.bstrName, true, ElementLookup::Find));
+    m_elementName.Assign(m_group.bstrName);
+    RETURN_IF_FAILED_QUIET(OpenElementStream(instanceId, true, ElementLookup::Find));
     ByteReader in(m_element.bytes);
     GroupRecord read;
     RETURN_IF_FAILED_QUIET(CheckElementHead(ReadGroupRecord(in, read, withMembers), true, read.storedName));
@@ -28,9 +29,9 @@ HRESULT FbInstanceData::WriteGroup(BSTR instanceId, bool withMembers)
 {
     // A name that the map holds, of either kind, is refused (0x80043004).
     ByteWriter out;
-    m_bstrElementName = m_group.bstrName;
+    m_elementName.Assign(m_group.bstrName);
     WriteGroupRecord(out, m_group, withMembers);
-    RETURN_IF_FAILED_QUIET(OpenElementStream(instanceId, m_group.bstrName, true, ElementLookup::Allocate));
+    RETURN_IF_FAILED_QUIET(OpenElementStream(instanceId, true, ElementLookup::Allocate));
     RETURN_IF_FAILED(m_element.Save(out.Buffer()));
     return S_OK;
 }
@@ -39,8 +40,7 @@ HRESULT FbInstanceData::GroupMemberNames(BSTR instanceId, BSTR name, ComVectorAr
 {
     m_group.bstrName = _bstr_t(name, true);
     RETURN_IF_FAILED(ReadGroup(instanceId, true));
-    // The array owns copies: a member's string may be shared with the
-    // parameter record by the check below.
+    // The array owns copies: the members stay the group record's.
     if (FAILED(names.Create<BSTR>(static_cast<ULONG>(m_group.members.size()), 0, true)))
         return E_OUTOFMEMORY;
     ComVectorAccess<BSTR> access;
@@ -52,7 +52,7 @@ HRESULT FbInstanceData::GroupMemberNames(BSTR instanceId, BSTR name, ComVectorAr
         // the list operation.
         if (checkMembers)
         {
-            m_parameter.bstrName = m_group.members[i];
+            m_elementName.Assign(m_group.members[i]);
             if (ReadPara(instanceId, false, false) == IDS_E_NOT_PARAMETER_STREAM)
                 return IDS_E_MEMBER_NOT_PARAMETER;
         }
@@ -139,7 +139,7 @@ STDMETHODIMP FbInstanceData::ReadGroup(IFdtContext*, BSTR InstanceID, BSTR Name,
         HRESULT first = S_OK;
         for (size_t i = 0; i < count; ++i)
         {
-            m_parameter.bstrName = m_group.members[i];
+            m_elementName.Assign(m_group.members[i]);
             const HRESULT hr = ReadPara(InstanceID, true, false);
             if (hr == IDS_E_NOT_PARAMETER_STREAM)
                 return IDS_E_MEMBER_NOT_PARAMETER;

@@ -18,12 +18,6 @@ static_assert(sizeof(ParameterRecord::isLocked) == 4 && sizeof(ParameterRecord::
 
 namespace
 {
-// A new copy of a name, the whole BSTR length (null stays null).
-_bstr_t CopyOf(BSTR name)
-{
-    return _bstr_t(name, true);
-}
-
 // The equality of WriteParameter: an equal value is not written again. Only
 // the VARTYPEs below can be equal; any other value is always written.
 // Floating-point values compare as the processor compares them, so a NaN is
@@ -96,19 +90,21 @@ VARIANT_BOOL AsVariantBool(DWORD flag)
 
 // ------------------------------------------- parameter and group streams
 
-HRESULT FbInstanceData::OpenElementStream(BSTR instanceId, const _bstr_t& name, bool group, ElementLookup lookup)
+HRESULT FbInstanceData::OpenElementStream(BSTR instanceId, bool group, ElementLookup lookup)
 {
-    // The stream that this operation read last is written back through.
-    if (lookup != ElementLookup::Allocate && m_element.stream && m_bstrElementName == name)
-        return S_OK;
-    m_element.Reset();
-    m_bstrElementName = name;
+    // An element of another instance is let go before the lookup opens this
+    // one: the platform does not open a storage twice.
+    if (m_element.stream && !SameElementName(instanceId, m_szInstanceStorageName))
+        m_element.Reset();
     if (lookup == ElementLookup::Allocate)
         RETURN_IF_FAILED(AllocateStreamName(instanceId, group));
     else
         RETURN_IF_FAILED(GetStreamName(instanceId, group, lookup == ElementLookup::FindOrAllocate));
     // A stream just allocated is new and empty; AllocateStreamName holds it open.
     if (m_bElementNew)
+        return S_OK;
+    // The stream that this operation read last is written back through.
+    if (m_element.stream && m_element.storage.Get() == m_pInstanceStorage && m_element.name == m_szStreamName)
         return S_OK;
     // A name of the map whose stream is gone gets a new one when written.
     RETURN_IF_FAILED_QUIET(ReadRecord(instanceId, m_szStreamName, lookup != ElementLookup::Find, m_element));
@@ -130,7 +126,7 @@ HRESULT FbInstanceData::CheckElementHead(HRESULT read, bool group, const StoredS
         return read;
     }
     RETURN_IF_FAILED(read);
-    if (!storedName.Equals(m_bstrElementName))
+    if (!storedName.Equals(m_elementName.Get(), m_elementName.Length()))
     {
         CError::ImplHandleInternal(nullptr, THIS_FILE, __LINE__, 0xAA);
         return E_FAIL;
@@ -140,7 +136,7 @@ HRESULT FbInstanceData::CheckElementHead(HRESULT read, bool group, const StoredS
 
 HRESULT FbInstanceData::DestroyElementStream(BSTR instanceId, BSTR name, bool group)
 {
-    m_bstrElementName = CopyOf(name);
+    m_elementName.Assign(name);
     RETURN_IF_FAILED(GetStreamName(instanceId, group, false));
     ComPtr<IStorage> storage;
     RETURN_IF_FAILED_QUIET(OpenInstanceStorage(instanceId, storage.GetAddressOf()));
@@ -151,7 +147,7 @@ HRESULT FbInstanceData::DestroyElementStream(BSTR instanceId, BSTR name, bool gr
 
 HRESULT FbInstanceData::ReadPara(BSTR instanceId, bool readValue, bool readAll)
 {
-    RETURN_IF_FAILED_QUIET(OpenElementStream(instanceId, m_parameter.bstrName, false, ElementLookup::Find));
+    RETURN_IF_FAILED_QUIET(OpenElementStream(instanceId, false, ElementLookup::Find));
     ByteReader in(m_element.bytes);
     const ParameterPart part = readAll ? ParameterPart::Body : readValue ? ParameterPart::Value : ParameterPart::Head;
     ParameterPart failedAt = ParameterPart::Head;
@@ -190,14 +186,15 @@ HRESULT FbInstanceData::WritePara(BSTR instanceId, bool writeAll, bool create)
 {
     // The record is built whole before the stream is touched: a value that
     // cannot be encoded fails with the stream as it was.
+    m_parameter.bstrName = m_elementName.Copy();
     ByteWriter out;
     ParameterPart failedAt = ParameterPart::Head;
     const HRESULT hr = WriteParameterRecord(out, m_parameter, writeAll, failedAt);
     if (failedAt == ParameterPart::Value)
         RETURN_IF_FAILED_QUIET(WithMessage(hr, "FbInstanceData::WritePara() CStreamTool::Write(value) failed\n"));
     RETURN_IF_FAILED_QUIET(WithMessage(hr, "FbInstanceData::WritePara() CStreamTool::Write(default value) failed\n"));
-    RETURN_IF_FAILED_QUIET(OpenElementStream(instanceId, m_parameter.bstrName, false,
-                                             create ? ElementLookup::FindOrAllocate : ElementLookup::Find));
+    RETURN_IF_FAILED_QUIET(
+        OpenElementStream(instanceId, false, create ? ElementLookup::FindOrAllocate : ElementLookup::Find));
     // Without writeAll the new head goes before the body as read: the name
     // was just read from there, so the body keeps its place.
     if (!writeAll)
@@ -245,7 +242,7 @@ HRESULT FbInstanceData::ChangeParameterFlag(BSTR instanceId, SAFEARRAY** nameLis
     RETURN_IF_FAILED(AllOrNothing([&]() -> HRESULT {
         for (ULONG i = 0; i < names.Count(); ++i)
         {
-            m_parameter.bstrName = CopyOf(names[i]);
+            m_elementName.Assign(names[i]);
             RETURN_IF_FAILED(ReadPara(instanceId, false, false));
             if (m_parameter.*flag != from)
                 continue;
@@ -264,10 +261,11 @@ STDMETHODIMP FbInstanceData::ReadParameter(IFdtContext*, BSTR InstanceID, BSTR N
     STORE_ENTRY();
     return STORE_OPERATION([&]() -> HRESULT {
         RETURN_IF_NULL(ParameterValue, E_POINTER);
-        m_parameter.bstrName = CopyOf(Name);
+        m_elementName.Assign(Name);
         RETURN_IF_FAILED(ReadPara(InstanceID, true, false));
         RETURN_IF_FAILED(VariantClear(ParameterValue));
-        RETURN_IF_FAILED(CopyVariant(m_parameter.value, *ParameterValue));
+        // The value read is the caller's: nothing after the read needs it.
+        *ParameterValue = m_parameter.value.Detach();
         return S_OK;
     });
 }
@@ -285,7 +283,7 @@ STDMETHODIMP FbInstanceData::WriteParameter(IFdtContext*, BSTR InstanceID, BSTR 
     STORE_LOCK();
     return STORE_OPERATION([&]() -> HRESULT {
         RETURN_IF_FAILED_QUIET(save);
-        m_parameter.bstrName = CopyOf(Name);
+        m_elementName.Assign(Name);
         RETURN_IF_FAILED(ReadPara(InstanceID, true, true));
         if (SameValue(value, m_parameter.value))
             return S_OK;
@@ -313,11 +311,11 @@ STDMETHODIMP FbInstanceData::ReadParameterInfo(IFdtContext*, BSTR InstanceID, BS
     STORE_ENTRY();
     return STORE_OPERATION([&]() -> HRESULT {
         RETURN_IF_NULL(Parameter, E_POINTER);
-        m_parameter.bstrName = CopyOf(Name);
+        m_elementName.Assign(Name);
         RETURN_IF_FAILED(ReadPara(InstanceID, true, true));
         ComPtr<IFdtParameter> object;
         RETURN_IF_FAILED(MakeDataObject<FdtParameter>(object));
-        RETURN_IF_FAILED(object->put_m_name(m_parameter.bstrName));
+        RETURN_IF_FAILED(object->put_m_name(Name));
         RETURN_IF_FAILED(object->put_m_value(m_parameter.value));
         RETURN_IF_FAILED(object->put_m_defaultValue(m_parameter.defaultValue));
         RETURN_IF_FAILED(object->put_m_index(m_parameter.index));
@@ -376,6 +374,7 @@ STDMETHODIMP FbInstanceData::WriteParameterInfo(IFdtContext*, BSTR InstanceID, I
         VARIANT value = record.value.Detach(), defaultValue = record.defaultValue.Detach();
         m_parameter.value.Attach(value);
         m_parameter.defaultValue.Attach(defaultValue);
+        m_elementName.Assign(m_parameter.bstrName);
         RETURN_IF_FAILED(WritePara(InstanceID, true, true));
         return S_OK;
     });

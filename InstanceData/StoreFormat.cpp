@@ -99,10 +99,8 @@ void WriteAdminRecord(ByteWriter& out, const AdminRecord& record)
 
 // ---------------------------------------------------------- stream name map
 
-bool ElementNameLess::operator()(const _bstr_t& left, const _bstr_t& right) const
+bool ElementNameLess::operator()(const WCHAR* a, const WCHAR* b) const
 {
-    const WCHAR* a = left;
-    const WCHAR* b = right;
     if (!a || !b)
         return !a && b;
     for (;; ++a, ++b)

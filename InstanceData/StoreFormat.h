@@ -63,9 +63,11 @@ void WriteAdminRecord(ByteWriter& out, const AdminRecord& record);
 
 // Order of element names in a stream name map: a null name first, then by
 // UTF-16 code units as unsigned numbers up to the first 0 unit.
+// Transparent: a map of it is searched with a name that is no _bstr_t.
 struct ElementNameLess
 {
-    bool operator()(const _bstr_t& left, const _bstr_t& right) const;
+    using is_transparent = void;
+    bool operator()(const WCHAR* left, const WCHAR* right) const;
 };
 
 enum ElementKind : DWORD
