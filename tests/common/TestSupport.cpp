@@ -225,6 +225,13 @@ _variant_t BstrValue(const wchar_t* text)
     return _variant_t(value, false);
 }
 
+_variant_t NullValue()
+{
+    _variant_t value;
+    V_VT(&value) = VT_NULL;
+    return value;
+}
+
 void ExpectSame(const _variant_t& expected, const _variant_t& actual)
 {
     EXPECT_EQ(expected, actual) << "VARTYPE " << V_VT(&expected);

@@ -96,12 +96,21 @@ struct ByteBuilder
 // below storage; empty when it cannot be opened.
 Bytes ReadStream(IStorage* storage, const wchar_t* path);
 
+// An array a call gives or takes, destroyed with its holder.
+struct Array
+{
+    SAFEARRAY* p = nullptr;
+    ~Array() { SafeArrayDestroy(p); }
+};
+
 SAFEARRAY* MakeBstrArray(const Names& items, LONG lowerBound = 0);
 Names ReadBstrArray(SAFEARRAY* array);
 SAFEARRAY* MakeValueArray(const Values& values);
 Values ReadValueArray(SAFEARRAY* array, LONG* lowerBound = nullptr);
 // A VARIANT holding one BSTR (which may be null: the platform's copy would make it empty).
 _variant_t BstrValue(const wchar_t* text);
+// A VARIANT of VT_NULL.
+_variant_t NullValue();
 // Equal VARTYPE and value, a null string null and an empty one empty.
 void ExpectSame(const _variant_t& expected, const _variant_t& actual);
 // A string result as text; null gives "".

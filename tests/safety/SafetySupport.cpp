@@ -166,13 +166,6 @@ HRESULT CreateIn(IFbInstanceData* store, _bstr_t* id, const wchar_t* node)
     return store->Create(nullptr, dtm.Get(), comm.Get(), (id ? id : &made)->GetAddress());
 }
 
-_variant_t NullValue()
-{
-    _variant_t value;
-    V_VT(&value) = VT_NULL;
-    return value;
-}
-
 const std::wstring& ModelFile()
 {
     static std::wstring path;

@@ -13,13 +13,6 @@ std::string Hex(HRESULT hr);
 // Whether the store may give hr: anything else is garbage.
 bool KnownResult(HRESULT hr);
 
-// An array a call gives or takes, destroyed with its holder.
-struct Array
-{
-    SAFEARRAY* p = nullptr;
-    ~Array() { SafeArrayDestroy(p); }
-};
-
 // Everything that reads, by key "<instance>|<what>|<name>": the text of what
 // was read (every property of a data object), or "!<hresult>" when it failed
 // ("!?<hresult>" when the store may not give that result).
@@ -45,7 +38,6 @@ inline HRESULT GroupIn(IFbInstanceData* store, const wchar_t* id, const wchar_t*
     Array list{MakeBstrArray(members)};
     return store->DefineGroup(nullptr, B(id), B(name), groupId, &list.p);
 }
-_variant_t NullValue();
 }  // namespace safety
 
 using namespace safety;
