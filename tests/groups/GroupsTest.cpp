@@ -7,7 +7,6 @@ namespace
 {
 const HRESULT kNameExists = static_cast<HRESULT>(0x80043004);
 const HRESULT kMemberNotParameter = static_cast<HRESULT>(0x80043005);
-const HRESULT kNotGroupStream = static_cast<HRESULT>(0x80043007);
 const HRESULT kNameUnknown = static_cast<HRESULT>(0x80043008);
 const auto kMembers = &IFbInstanceData::GetGroup;
 const auto kValues = &IFbInstanceData::ReadGroup;
@@ -15,33 +14,30 @@ const auto kValues = &IFbInstanceData::ReadGroup;
 class Groups : public InstanceSession
 {
 protected:
-    // The caller's arrays come back unchanged.
-    HRESULT DefineGroup(const wchar_t* name, BYTE id, const Names& members)
+    // DefineGroup with member names, WriteGroup with values; the caller's array comes back unchanged.
+    HRESULT Put(const wchar_t* name, const Names& members, BYTE id = 1)
     {
-        SAFEARRAY* list = MakeBstrArray(members);
-        const HRESULT hr = Store()->DefineGroup(nullptr, m_id, _bstr_t(name), id, &list);
-        EXPECT_EQ(members, ReadBstrArray(list));
-        SafeArrayDestroy(list);
+        Array list{MakeBstrArray(members)};
+        const HRESULT hr = Store()->DefineGroup(nullptr, m_id, _bstr_t(name), id, &list.p);
+        EXPECT_EQ(members, ReadBstrArray(list.p));
         return hr;
     }
-    HRESULT WriteValues(const wchar_t* name, const Values& values)
+    HRESULT Put(const wchar_t* name, const Values& values)
     {
-        SAFEARRAY* list = MakeValueArray(values);
-        const HRESULT hr = Store()->WriteGroup(nullptr, m_id, _bstr_t(name), &list);
-        EXPECT_EQ(values, ReadValueArray(list));
-        SafeArrayDestroy(list);
+        Array list{MakeValueArray(values)};
+        const HRESULT hr = Store()->WriteGroup(nullptr, m_id, _bstr_t(name), &list.p);
+        EXPECT_EQ(values, ReadValueArray(list.p));
         return hr;
     }
     // GetGroup (members as strings) or ReadGroup (values): the result starts at 0.
     Values Fetch(HRESULT (STDMETHODCALLTYPE IFbInstanceData::*get)(IFdtContext*, BSTR, BSTR, SAFEARRAY**),
                  const wchar_t* name, HRESULT expected = S_OK)
     {
-        SAFEARRAY* list = nullptr;
+        Array list;
         LONG lower = 0;
-        EXPECT_EQ(expected, (Store()->*get)(nullptr, m_id, _bstr_t(name), &list));
-        const Values result = ReadValueArray(list, &lower);
+        EXPECT_EQ(expected, (Store()->*get)(nullptr, m_id, _bstr_t(name), &list.p));
+        const Values result = ReadValueArray(list.p, &lower);
         EXPECT_TRUE(result.empty() || lower == 0);
-        SafeArrayDestroy(list);
         return result;
     }
     HRESULT GroupId(const wchar_t* name, BYTE* id) { return Store()->GetGroupInfo(nullptr, m_id, _bstr_t(name), id); }
@@ -54,8 +50,8 @@ TEST_F(GroupStreams, FileForTheIndependentCheck)
 {
     ASSERT_EQ(S_OK, Define(L"A", _variant_t(1L)));
     ASSERT_EQ(S_OK, Define(L"B", _variant_t(2L)));
-    ASSERT_EQ(S_OK, DefineGroup(L"g", 0xFF, {L"A", L"B", L"A"}));
-    ASSERT_EQ(S_OK, DefineGroup(L"empty", 7, {}));
+    ASSERT_EQ(S_OK, Put(L"g", Names{L"A", L"B", L"A"}, 0xFF));
+    ASSERT_EQ(S_OK, Put(L"empty", Names{}, 7));
     Keep();
     Reopen();
     EXPECT_EQ((Values{L"A", L"B", L"A"}), Fetch(kMembers, L"g"));
@@ -68,17 +64,18 @@ TEST_F(GroupStreams, FileForTheIndependentCheck)
     EXPECT_EQ((Names{L"A", L"B"}), All(&IFbInstanceData::GetAllParameters));
 }
 
+// A name is a group or a parameter for good: a deleted group's name can never be defined again.
 TEST_F(Groups, ANameIsAGroupOrAParameterForGood)
 {
     ASSERT_EQ(S_OK, Define(L"p", _variant_t(1L)));
     const Bytes map = Stream(L"1/map");
     TraceCapture trace;
-    EXPECT_EQ(kNameExists, DefineGroup(L"p", 1, {L"p"}));
+    EXPECT_EQ(kNameExists, Put(L"p", Names{L"p"}));
     EXPECT_TRUE(trace.Lines().empty()) << trace.Text();
     EXPECT_EQ(map, Stream(L"1/map"));
 
-    ASSERT_EQ(S_OK, DefineGroup(L"g", 1, {L"p"}));
-    EXPECT_EQ(kNameExists, DefineGroup(L"g", 2, {}));
+    ASSERT_EQ(S_OK, Put(L"g", Names{L"p"}));
+    EXPECT_EQ(kNameExists, Put(L"g", Names{}, 2));
     Fetch(kMembers, L"p", E_FAIL);
     BYTE id = 0;
     EXPECT_EQ(E_FAIL, GroupId(L"p", &id));
@@ -90,9 +87,8 @@ TEST_F(Groups, ANameIsAGroupOrAParameterForGood)
     EXPECT_EQ(E_FAIL, Store()->DeleteParameter(nullptr, m_id, _bstr_t(L"g")));
     EXPECT_EQ((Names{L"p"}), All(&IFbInstanceData::GetAllParameters));
 
-    // A deleted group's name can never be defined again.
     ASSERT_EQ(S_OK, Store()->DeleteGroup(nullptr, m_id, _bstr_t(L"g")));
-    EXPECT_EQ(kNameExists, DefineGroup(L"g", 1, {L"p"}));
+    EXPECT_EQ(kNameExists, Put(L"g", Names{L"p"}));
     EXPECT_EQ(E_FAIL, Define(L"g", _variant_t(1L)));
     EXPECT_EQ(STG_E_FILENOTFOUND, GroupId(L"g", &id));
     EXPECT_EQ((Names{L"g"}), All(&IFbInstanceData::GetAllGroups));
@@ -105,18 +101,18 @@ TEST_F(Groups, MemberFaults)
 {
     ASSERT_EQ(S_OK, Define(L"A", _variant_t(1L)));
     ASSERT_EQ(S_OK, Define(L"B", _variant_t(2L)));
-    ASSERT_EQ(S_OK, DefineGroup(L"g", 1, {L"A", L"B"}));
-    ASSERT_EQ(S_OK, WriteValues(L"g", {_variant_t(static_cast<short>(7)), BstrValue(L"9")}));
-    EXPECT_EQ((Values{_variant_t(7L), _variant_t(9L)}), (Values{Read(L"A"), Read(L"B")}));
-    EXPECT_EQ((Values{_variant_t(7L), _variant_t(9L)}), Fetch(kValues, L"g"));
+    ASSERT_EQ(S_OK, Put(L"g", Names{L"A", L"B"}));
+    ASSERT_EQ(S_OK, Put(L"g", Values{static_cast<short>(7), BstrValue(L"9")}));
+    EXPECT_EQ((Values{7L, 9L}), (Values{Read(L"A"), Read(L"B")}));
+    EXPECT_EQ((Values{7L, 9L}), Fetch(kValues, L"g"));
     // Fewer values than members is refused before anything is written.
-    EXPECT_EQ(E_INVALIDARG, WriteValues(L"g", {_variant_t(5L)}));
+    EXPECT_EQ(E_INVALIDARG, Put(L"g", Values{5L}));
 
-    ASSERT_EQ(S_OK, DefineGroup(L"missing", 1, {L"A", L"none", L"B"}));
+    ASSERT_EQ(S_OK, Put(L"missing", Names{L"A", L"none", L"B"}));
     Fetch(kValues, L"missing", kNameUnknown);
-    EXPECT_EQ(kNameUnknown, WriteValues(L"missing", {_variant_t(10L), _variant_t(20L), _variant_t(30L)}));
+    EXPECT_EQ(kNameUnknown, Put(L"missing", Values{10L, 20L, 30L}));
     Park();
-    EXPECT_EQ((Values{_variant_t(7L), _variant_t(9L)}), (Values{Read(L"A"), Read(L"B")}));
+    EXPECT_EQ((Values{7L, 9L}), (Values{Read(L"A"), Read(L"B")}));
 
     // B's stream says group: nothing is read or written at all.
     Bytes stream = Stream(L"1/1");
@@ -124,15 +120,17 @@ TEST_F(Groups, MemberFaults)
     Replace(L"1/1", stream);
     TraceCapture trace;
     Fetch(kValues, L"g", kMemberNotParameter);
-    EXPECT_EQ(kMemberNotParameter, WriteValues(L"g", {_variant_t(11L), _variant_t(21L)}));
+    EXPECT_EQ(kMemberNotParameter, Put(L"g", Values{11L, 21L}));
     EXPECT_EQ(2u, trace.Lines().size()) << trace.Text();
     EXPECT_EQ(2u, trace.Count("FbInstanceData::ReadPara stream isn't a group\n"));
     EXPECT_EQ(_variant_t(7L), Read(L"A"));
 }
 
+// Members and values fail alike on a damaged group stream; the identifier alone is read without the members.
 TEST_F(Groups, DamagedGroupStreams)
 {
-    ASSERT_EQ(S_OK, DefineGroup(L"g", 1, {L"x"}));
+    ASSERT_EQ(S_OK, Put(L"g", Names{L"x"}));
+    const char* failed = ": error 0x80004005: ";
     const struct
     {
         Bytes bytes;
@@ -140,12 +138,12 @@ TEST_F(Groups, DamagedGroupStreams)
         const char* message;
     } cases[] = {
         {ByteBuilder().Header(L"g", 1, 2).U32(1).U32(0), E_FAIL, "FbInstanceData::ReadGroup invalid version\n"},
-        {ByteBuilder().Header(L"g", 2).U32(1).U32(0), kNotGroupStream,
+        {ByteBuilder().Header(L"g", 2).U32(1).U32(0), static_cast<HRESULT>(0x80043007),
          "FbInstanceData::ReadGroup stream isn't a group\n"},
         {ByteBuilder().Header(L"h", 1).U32(1).U32(0), E_FAIL, ": internal error 0xaa: "},
-        {ByteBuilder().Header(L"g", 1).U32(1).U32(0xFFFFFFFF).Str(L"x"), E_FAIL, ": error 0x80004005: "},
-        {ByteBuilder().Header(L"g", 1).U32(1).U32(2).Str(L"x").U32(0x7FFFFFFE), E_FAIL, ": error 0x80004005: "},
-        {ByteBuilder().Header(L"g", 1), E_FAIL, ": error 0x80004005: "},
+        {ByteBuilder().Header(L"g", 1).U32(1).U32(0xFFFFFFFF).Str(L"x"), E_FAIL, failed},
+        {ByteBuilder().Header(L"g", 1).U32(1).U32(2).Str(L"x").U32(0x7FFFFFFE), E_FAIL, failed},
+        {ByteBuilder().Header(L"g", 1), E_FAIL, failed},
     };
     for (const auto& damage : cases)
     {
@@ -156,7 +154,6 @@ TEST_F(Groups, DamagedGroupStreams)
         EXPECT_TRUE(trace.Contains(damage.message)) << trace.Text();
         Fetch(kValues, L"g", damage.result);
     }
-    // The identifier alone is read without the members.
     Replace(L"1/0", ByteBuilder().Header(L"g", 1).U32(0x1234).U32(0xFFFFFFFF));
     BYTE id = 0;
     EXPECT_EQ(S_OK, GroupId(L"g", &id));

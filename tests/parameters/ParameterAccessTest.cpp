@@ -16,22 +16,16 @@ class ParameterAccess : public InstanceSession
 protected:
     HRESULT Flag(FlagOperation operation, const Names& names)
     {
-        SAFEARRAY* list = MakeBstrArray(names);
-        const HRESULT hr = (Store()->*operation)(nullptr, m_id, &list);
-        SafeArrayDestroy(list);
-        return hr;
+        Array list{MakeBstrArray(names)};
+        return (Store()->*operation)(nullptr, m_id, &list.p);
     }
     // Locked, protected, mandatory and private, in the stream's order.
     Flags FlagsOf(const wchar_t* name)
     {
         Flags flags(4, 7);
         if (ComPtr<IFdtParameter> info = Info(name))
-        {
-            info->get_m_locked(&flags[0]);
-            info->get_m_protected(&flags[1]);
-            info->get_m_mandatory(&flags[2]);
-            info->get_m_private(&flags[3]);
-        }
+            info->get_m_locked(&flags[0]), info->get_m_protected(&flags[1]), info->get_m_mandatory(&flags[2]),
+                info->get_m_private(&flags[3]);
         return flags;
     }
 };
@@ -54,7 +48,7 @@ TEST_F(ParameterAccess, BadArgumentsChangeNothing)
 
     // A description whose getter fails leaves the stream as it was.
     ASSERT_EQ(S_OK, Define(L"p", _variant_t(1L)));
-    ComPtr<ParameterDescription> broken = new ParameterDescription(L"p", _variant_t(2L), _variant_t());
+    ComPtr<ParameterDescription> broken = new ParameterDescription(L"p", _variant_t(2L));
     broken->beforeGet = FailingGetter("private");
     EXPECT_EQ(E_ACCESSDENIED, Define(broken.Get()));
     EXPECT_EQ(_variant_t(1L), Read(L"p"));
@@ -65,9 +59,7 @@ TEST_F(ParameterAccess, BadArgumentsChangeNothing)
 // was written anew).
 TEST_F(ParameterAccess, WritesConvertAndLeaveEqualValuesAlone)
 {
-    _variant_t date(45000.5);
-    V_VT(&date) = VT_DATE;
-    const double nan = std::numeric_limits<double>::quiet_NaN();
+    const _variant_t date(45000.5, VT_DATE), nan(std::numeric_limits<double>::quiet_NaN());
     const struct
     {
         _variant_t stored, written;
@@ -75,13 +67,13 @@ TEST_F(ParameterAccess, WritesConvertAndLeaveEqualValuesAlone)
         _variant_t after;   // VT_ERROR: not compared
         bool streamLeftAlone;
     } cases[] = {
-        {_variant_t(5L), _variant_t(5L), S_OK, _variant_t(5L), true},
-        {_variant_t(5L), _variant_t(6L), S_OK, _variant_t(6L), false},
+        {5L, 5L, S_OK, 5L, true},
+        {5L, 6L, S_OK, 6L, false},
         {BstrValue(nullptr), BstrValue(L""), S_OK, BstrValue(nullptr), true},   // "" equals a stored null string
         {date, date, S_OK, date, false},                                      // a date is always written again
-        {_variant_t(nan), _variant_t(nan), S_OK, _variant_t(0L, VT_ERROR), false},   // a NaN never equals
-        {_variant_t(0L), BstrValue(L"12"), S_OK, _variant_t(12L), false},
-        {_variant_t(0L), BstrValue(L"abc"), E_FAIL, _variant_t(0L), true},
+        {nan, nan, S_OK, _variant_t(0L, VT_ERROR), false},                    // a NaN never equals
+        {0L, BstrValue(L"12"), S_OK, 12L, false},
+        {0L, BstrValue(L"abc"), E_FAIL, 0L, true},
     };
     for (size_t i = 0; i < sizeof cases / sizeof cases[0]; ++i)
     {
@@ -100,15 +92,15 @@ TEST_F(ParameterAccess, WritesConvertAndLeaveEqualValuesAlone)
     }
 }
 
+// A deleted parameter's stream is gone and a read does not bring it back;
+// defined again, it comes back under its old stream.
 TEST_F(ParameterAccess, DeletedParameterKeepsItsNameAndStream)
 {
     ASSERT_EQ(S_OK, Define(L"b", _variant_t(1L)));
     ASSERT_EQ(S_OK, Define(L"a", _variant_t(2L)));
     ASSERT_EQ(S_OK, Store()->DeleteParameter(nullptr, m_id, _bstr_t(L"b")));
-    // Its stream is gone, and a read does not bring it back.
     Read(L"b", STG_E_FILENOTFOUND);
     EXPECT_EQ((Names{L"a", L"b"}), All(&IFbInstanceData::GetAllParameters));
-    // Defined again, it comes back under its old stream.
     ASSERT_EQ(S_OK, Define(L"b", _variant_t(3L)));
     EXPECT_EQ(_variant_t(3L), Read(L"b"));
     EXPECT_TRUE(Stream(L"1/2").empty());
@@ -123,15 +115,13 @@ TEST_F(ParameterAccess, Flags)
     parameter->mandatory = 1;   // any nonzero VARIANT_BOOL is true
     ASSERT_EQ(S_OK, Define(parameter.Get()));
     ASSERT_EQ(S_OK, Define(L"q", _variant_t(2L)));
-    _variant_t null;
-    V_VT(&null) = VT_NULL;
     const std::pair<FlagOperation, Flags> steps[] = {
         {&IFbInstanceData::LockParameter, {Y, N, Y, N}}, {&IFbInstanceData::LockParameter, {Y, N, Y, N}},
         {&IFbInstanceData::ProtectParameter, {Y, Y, Y, N}}, {&IFbInstanceData::UnlockParameter, {N, Y, Y, N}},
         {&IFbInstanceData::ReleaseParameter, {N, N, Y, N}}};
     for (const auto& step : steps)
     {
-        ASSERT_EQ(DISP_E_TYPEMISMATCH, Define(L"q", null));
+        ASSERT_EQ(DISP_E_TYPEMISMATCH, Define(L"q", NullValue()));
         ASSERT_EQ(S_OK, Flag(step.first, {L"p"}));
         Park();
         EXPECT_EQ(step.second, FlagsOf(L"p"));
@@ -143,49 +133,42 @@ TEST_F(ParameterAccess, Flags)
     Park();
     EXPECT_EQ(N, FlagsOf(L"p")[0]);
     EXPECT_EQ(N, FlagsOf(L"q")[0]);
-    SAFEARRAY* names = MakeBstrArray({L"q", L"p"}, 1);
-    SAFEARRAY* passed = names;
-    ASSERT_EQ(S_OK, Store()->LockParameter(nullptr, m_id, &names));
-    EXPECT_EQ(passed, names);
-    EXPECT_EQ((Names{L"q", L"p"}), ReadBstrArray(names));
-    EXPECT_EQ(S_OK, SafeArrayDestroy(names));
+    Array names{MakeBstrArray({L"q", L"p"}, 1)};
+    SAFEARRAY* const passed = names.p;
+    ASSERT_EQ(S_OK, Store()->LockParameter(nullptr, m_id, &names.p));
+    EXPECT_EQ(passed, names.p);
+    EXPECT_EQ((Names{L"q", L"p"}), ReadBstrArray(names.p));
     EXPECT_EQ(Y, FlagsOf(L"q")[0]);
 }
 
 // ReadList starts its result at 0 and gives none on a failure; WriteList takes
 // back what came before a failure and refuses fewer values than names at once.
+// The caller's arrays stay as they were.
 TEST_F(ParameterAccess, Lists)
 {
     ASSERT_EQ(S_OK, Define(L"a", _variant_t(1L)));
     ASSERT_EQ(S_OK, Define(L"b", BstrValue(L"two")));
     ASSERT_EQ(S_OK, Define(L"c", _variant_t(3.0)));
-    SAFEARRAY* names = MakeBstrArray({L"b", L"a", L"c", L"b"}, 1);
-    SAFEARRAY* values = nullptr;
-    ASSERT_EQ(S_OK, Store()->ReadList(nullptr, m_id, &names, &values));
+    Array names{MakeBstrArray({L"b", L"a", L"c", L"b"}, 1)}, values, missing{MakeBstrArray({L"a", L"b", L"missing", L"c"})},
+        none, abca{MakeBstrArray({L"a", L"b", L"c", L"a"}, 1)}, one{MakeValueArray({11L})};
+    ASSERT_EQ(S_OK, Store()->ReadList(nullptr, m_id, &names.p, &values.p));
     LONG lower = -1;
-    EXPECT_EQ((Values{BstrValue(L"two"), _variant_t(1L), _variant_t(3.0), BstrValue(L"two")}),
-              ReadValueArray(values, &lower));
+    EXPECT_EQ((Values{BstrValue(L"two"), 1L, 3.0, BstrValue(L"two")}), ReadValueArray(values.p, &lower));
     EXPECT_EQ(0, lower);
-    EXPECT_EQ((Names{L"b", L"a", L"c", L"b"}), ReadBstrArray(names));
-    EXPECT_EQ(S_OK, SafeArrayDestroy(values));
-    SAFEARRAY* missing = MakeBstrArray({L"a", L"b", L"missing", L"c"});
-    values = nullptr;
-    EXPECT_EQ(kNameUnknown, Store()->ReadList(nullptr, m_id, &missing, &values));
-    EXPECT_EQ(nullptr, values);
+    EXPECT_EQ((Names{L"b", L"a", L"c", L"b"}), ReadBstrArray(names.p));
+    EXPECT_EQ(kNameUnknown, Store()->ReadList(nullptr, m_id, &missing.p, &none.p));
+    EXPECT_EQ(nullptr, none.p);
 
-    const Values written = {_variant_t(10L), _variant_t(20L), BstrValue(L"not a number"), _variant_t(40L)};
-    SAFEARRAY* abca = MakeBstrArray({L"a", L"b", L"c", L"a"}, 1);
-    values = MakeValueArray(written);
-    EXPECT_EQ(E_FAIL, Store()->WriteList(nullptr, m_id, &abca, &values));
+    const Values written = {10L, 20L, BstrValue(L"not a number"), 40L};
+    SafeArrayDestroy(values.p);
+    values.p = MakeValueArray(written);
+    EXPECT_EQ(E_FAIL, Store()->WriteList(nullptr, m_id, &abca.p, &values.p));
     Park();
-    EXPECT_EQ((Values{_variant_t(1L), BstrValue(L"two"), _variant_t(3.0)}), (Values{Read(L"a"), Read(L"b"), Read(L"c")}));
-    EXPECT_EQ((Names{L"a", L"b", L"c", L"a"}), ReadBstrArray(abca));
-    EXPECT_EQ(written, ReadValueArray(values));
-    SAFEARRAY* one = MakeValueArray({_variant_t(11L)});
-    EXPECT_EQ(E_INVALIDARG, Store()->WriteList(nullptr, m_id, &names, &one));
+    EXPECT_EQ((Values{1L, BstrValue(L"two"), 3.0}), (Values{Read(L"a"), Read(L"b"), Read(L"c")}));
+    EXPECT_EQ((Names{L"a", L"b", L"c", L"a"}), ReadBstrArray(abca.p));
+    EXPECT_EQ(written, ReadValueArray(values.p));
+    EXPECT_EQ(E_INVALIDARG, Store()->WriteList(nullptr, m_id, &names.p, &one.p));
     EXPECT_EQ(_variant_t(1L), Read(L"a"));
-    for (SAFEARRAY* array : {names, missing, abca, values, one})
-        EXPECT_EQ(S_OK, SafeArrayDestroy(array));
 }
 
 // Arrays a caller may pass where the store reads names or values: none, a
@@ -195,41 +178,31 @@ TEST_F(ParameterAccess, CallerArraysOfTheWrongShape)
 {
     ASSERT_EQ(S_OK, Define(L"a", _variant_t(1L)));
     SAFEARRAYBOUND square[2] = {{1, 0}, {1, 0}};
-    SAFEARRAY* twoDimensional = SafeArrayCreate(VT_BSTR, 2, square);
-    SAFEARRAY* twoDimensionalValues = SafeArrayCreate(VT_VARIANT, 2, square);
-    SAFEARRAY* values = MakeValueArray({_variant_t(5L)});
-    SAFEARRAY* names = MakeBstrArray({L"a"});
-    SAFEARRAY* null = nullptr;
-    const std::pair<const char*, SAFEARRAY**> arrays[] = {
-        {"no pointer", nullptr}, {"null array", &null}, {"two dimensions", &twoDimensional}, {"other kind", &values}};
-    for (const auto& array : arrays)
+    Array twoDimensional{SafeArrayCreate(VT_BSTR, 2, square)}, twoDimensionalValues{SafeArrayCreate(VT_VARIANT, 2, square)},
+        values{MakeValueArray({5L})}, names{MakeBstrArray({L"a"})}, null;
+    // Each shape as names, and as values (a BSTR array is the other kind there).
+    const std::tuple<const char*, SAFEARRAY**, SAFEARRAY**> arrays[] = {
+        {"no pointer", nullptr, nullptr}, {"null array", &null.p, &null.p},
+        {"two dimensions", &twoDimensional.p, &twoDimensionalValues.p}, {"other kind", &values.p, &names.p}};
+    for (const auto& [what, list, valueList] : arrays)
     {
-        SCOPED_TRACE(array.first);
-        SAFEARRAY** const list = array.second;
+        SCOPED_TRACE(what);
         SAFEARRAY* const passed = list ? *list : nullptr;
-        // The value array in each shape: a BSTR array is the other kind.
-        SAFEARRAY** const valueList = list == &twoDimensional ? &twoDimensionalValues : list == &values ? &names : list;
         SAFEARRAY* out = nullptr;
         EXPECT_TRUE(FAILED(Store()->LockParameter(nullptr, m_id, list)));
         EXPECT_TRUE(FAILED(Store()->ReadList(nullptr, m_id, list, &out)));
         EXPECT_EQ(nullptr, out);
-        EXPECT_TRUE(FAILED(Store()->WriteList(nullptr, m_id, list, &values)));
-        EXPECT_TRUE(FAILED(Store()->WriteList(nullptr, m_id, &names, valueList)));
+        EXPECT_TRUE(FAILED(Store()->WriteList(nullptr, m_id, list, &values.p)));
+        EXPECT_TRUE(FAILED(Store()->WriteList(nullptr, m_id, &names.p, valueList)));
         EXPECT_TRUE(FAILED(Store()->DefineGroup(nullptr, m_id, _bstr_t(L"g"), 1, list)));
-        if (list)
-        {
-            EXPECT_EQ(passed, *list);
-        }
+        EXPECT_TRUE(!list || passed == *list);
     }
     EXPECT_EQ(_variant_t(1L), Read(L"a"));
     EXPECT_EQ(N, FlagsOf(L"a")[0]);
     EXPECT_TRUE(All(&IFbInstanceData::GetAllGroups).empty());
-    for (SAFEARRAY* array : {twoDimensional, twoDimensionalValues, values, names})
-        EXPECT_EQ(S_OK, SafeArrayDestroy(array));
 
     // An out-parameter that already holds an array gets the result in its place.
-    SAFEARRAY* out = MakeBstrArray({L"old", L"older"});
-    ASSERT_EQ(S_OK, Store()->GetAllParameters(nullptr, m_id, &out));
-    EXPECT_EQ(Names{L"a"}, ReadBstrArray(out));
-    SafeArrayDestroy(out);
+    Array out{MakeBstrArray({L"old", L"older"})};
+    ASSERT_EQ(S_OK, Store()->GetAllParameters(nullptr, m_id, &out.p));
+    EXPECT_EQ(Names{L"a"}, ReadBstrArray(out.p));
 }

@@ -6,8 +6,6 @@
 
 namespace
 {
-const HRESULT kNotParameterStream = static_cast<HRESULT>(0x80043006);
-
 using ParameterStreams = InstanceSession;
 
 // A stream of p: header and flags, then the rest as given.
@@ -16,11 +14,11 @@ ByteBuilder Record(DWORD version = 1, DWORD kind = 2, const wchar_t* name = L"p"
     return ByteBuilder().Header(name, kind, version).U32(0).U32(0).U32(0).U32(0);
 }
 
+// Built in place: a copy through the platform's VariantCopy may turn a null string into an empty one.
 template <class T>
 _variant_t Typed(VARTYPE vt, T payload)
 {
-    VARIANT value;
-    memset(&value, 0, sizeof value);
+    VARIANT value = {};
     memcpy(&V_UI1(&value), &payload, sizeof payload);
     V_VT(&value) = vt;
     return _variant_t(value, false);
@@ -34,51 +32,46 @@ _variant_t Decimal(const wchar_t* text)
     return _variant_t(value, false);
 }
 
-_variant_t Get(IFdtParameter* parameter, HRESULT (STDMETHODCALLTYPE IFdtParameter::*getter)(VARIANT*))
-{
-    _variant_t value;
-    EXPECT_EQ(S_OK, (parameter->*getter)(&value));
-    return value;
-}
-
-ComPtr<IFont> AsFont(IUnknown* object)
+ComPtr<IFont> AsFont(const VARIANT& value)
 {
     ComPtr<IFont> font;
-    if (object)
-        object->QueryInterface(IID_IFont, reinterpret_cast<void**>(font.GetAddressOf()));
+    if (V_UNKNOWN(&value))
+        V_UNKNOWN(&value)->QueryInterface(IID_IFont, reinterpret_cast<void**>(font.GetAddressOf()));
     return font;
 }
 }  // namespace
 
 TEST_F(ParameterStreams, FileForTheIndependentCheck)
 {
-    ComPtr<ParameterDescription> b =
-        new ParameterDescription(L"b", Typed<LONG>(VT_I4, 0x01020304), Typed<SHORT>(VT_BOOL, -1));
-    b->index = -5, b->dataType = 0xFF, b->size = 7, b->objectType = 9, b->locked = VARIANT_TRUE;
-    ComPtr<ParameterDescription> a = new ParameterDescription(L"a", _variant_t(), BstrValue(nullptr));
-    a->index = 0x11, a->dataType = 0x22, a->size = 0x33, a->objectType = 0x44, a->isProtected = VARIANT_TRUE;
-    ASSERT_EQ(S_OK, Define(b.Get()));
-    ASSERT_EQ(S_OK, Define(a.Get()));
-
+    const struct
+    {
+        const wchar_t *id, *name;
+        _variant_t value, defaultValue;
+        LONG index, dataType, size, objectType;
+        VARIANT_BOOL locked, isProtected, mandatory, isPrivate;
+    } rows[] = {
+        {L"1", L"b", Typed<LONG>(VT_I4, 0x01020304), Typed<SHORT>(VT_BOOL, -1), -5, 0xFF, 7, 9, VARIANT_TRUE, 0, 0, 0},
+        {L"1", L"a", _variant_t(), BstrValue(nullptr), 0x11, 0x22, 0x33, 0x44, 0, VARIANT_TRUE, 0, 0},
+        {L"2", L"m", BstrValue(L""), Typed<SHORT>(VT_BOOL, 0), 0, 0, 0, 0, 0, 0, VARIANT_TRUE, 0},
+        {L"2", L"p", BstrValue(L"abc"), Typed<double>(VT_R8, 1.5), 0, 0, 0, 0, 0, 0, 0, -1},
+        {L"2", L"w", Typed<CHAR>(VT_I1, -2), Typed<LONGLONG>(VT_CY, 12345), 0, 0, 0, 0, 0, 0, 0, 0},
+        {L"2", L"x", Typed<USHORT>(VT_UI2, 0xBEEF), Typed<LONGLONG>(VT_I8, -7), 0, 0, 0, 0, 0, 0, 0, 0},
+    };
     ASSERT_EQ(L"2", NewInstance());
-    ComPtr<ParameterDescription> m = new ParameterDescription(L"m", BstrValue(L""), Typed<SHORT>(VT_BOOL, 0));
-    m->mandatory = VARIANT_TRUE;
-    ComPtr<ParameterDescription> p = new ParameterDescription(L"p", BstrValue(L"abc"), Typed<double>(VT_R8, 1.5));
-    p->isPrivate = -1;
-    ComPtr<ParameterDescription> w =
-        new ParameterDescription(L"w", Typed<CHAR>(VT_I1, -2), Typed<LONGLONG>(VT_CY, 12345));
-    ComPtr<ParameterDescription> x =
-        new ParameterDescription(L"x", Typed<USHORT>(VT_UI2, 0xBEEF), Typed<LONGLONG>(VT_I8, -7));
-    for (ParameterDescription* parameter : {m.Get(), p.Get(), w.Get(), x.Get()})
-        ASSERT_EQ(S_OK, Define(parameter, L"2"));
+    for (const auto& row : rows)
+    {
+        ComPtr<ParameterDescription> p = new ParameterDescription(row.name, row.value, row.defaultValue, row.dataType);
+        p->index = row.index, p->size = row.size, p->objectType = row.objectType, p->locked = row.locked;
+        p->isProtected = row.isProtected, p->mandatory = row.mandatory, p->isPrivate = row.isPrivate;
+        ASSERT_EQ(S_OK, Define(p.Get(), row.id));
+    }
     Commit();
     Keep();
 }
 
+// Each value comes back equal, as the value and as the default value of another.
 TEST_F(ParameterStreams, EveryValueTypeComesBackEqual)
 {
-    // Built in place: a copy through the platform's VariantCopy may turn the
-    // null string into an empty one.
     const _variant_t samples[] = {
         Typed<CHAR>(VT_I1, -100), Typed<BYTE>(VT_UI1, 200), Typed<SHORT>(VT_I2, -30000),
         Typed<USHORT>(VT_UI2, 60000), Typed<SHORT>(VT_BOOL, VARIANT_TRUE), Typed<SHORT>(VT_BOOL, VARIANT_FALSE),
@@ -94,13 +87,13 @@ TEST_F(ParameterStreams, EveryValueTypeComesBackEqual)
     {
         SCOPED_TRACE(i);
         const std::wstring name = L"v" + std::to_wstring(i);
-        const _variant_t& defaultValue = samples[(i + 1) % count];
-        ASSERT_EQ(S_OK, Define(name.c_str(), samples[i], defaultValue));
+        ASSERT_EQ(S_OK, Define(name.c_str(), samples[i], samples[(i + 1) % count]));
         ExpectSame(samples[i], Read(name.c_str()));
         ComPtr<IFdtParameter> info = Info(name.c_str());
-        ASSERT_TRUE(info);
-        ExpectSame(samples[i], Get(info.Get(), &IFdtParameter::get_m_value));
-        ExpectSame(defaultValue, Get(info.Get(), &IFdtParameter::get_m_defaultValue));
+        _variant_t value, defaultValue;
+        ASSERT_TRUE(info && info->get_m_value(&value) == S_OK && info->get_m_defaultValue(&defaultValue) == S_OK);
+        ExpectSame(samples[i], value);
+        ExpectSame(samples[(i + 1) % count], defaultValue);
     }
 }
 
@@ -109,8 +102,8 @@ TEST_F(ParameterStreams, ObjectsTravelInThePlatformPersistedForm)
     FONTDESC description = {sizeof description, const_cast<LPOLESTR>(L"Courier New"), {{135000, 0}}, 700,
                             ANSI_CHARSET, TRUE, TRUE, FALSE};
     ComPtr<IFont> font;
-    ASSERT_EQ(S_OK, OleCreateFontIndirect(&description, IID_IFont, reinterpret_cast<void**>(font.GetAddressOf())));
     ComPtr<IDispatch> dispatch;
+    ASSERT_EQ(S_OK, OleCreateFontIndirect(&description, IID_IFont, reinterpret_cast<void**>(font.GetAddressOf())));
     ASSERT_EQ(S_OK, font.As(&dispatch));
     ComPtr<ParameterDescription> parameter =
         new ParameterDescription(L"font", _variant_t(dispatch.Get()), _variant_t(static_cast<IUnknown*>(font.Get())));
@@ -118,19 +111,17 @@ TEST_F(ParameterStreams, ObjectsTravelInThePlatformPersistedForm)
     ASSERT_EQ(S_OK, Define(parameter.Get()));
 
     ComPtr<IFdtParameter> info = Info(L"font");
-    ASSERT_TRUE(info);
-    const _variant_t value = Get(info.Get(), &IFdtParameter::get_m_value);
-    const _variant_t stored = Get(info.Get(), &IFdtParameter::get_m_defaultValue);
+    _variant_t value, stored;
+    LONG objectType = 0;
+    ASSERT_TRUE(info && info->get_m_value(&value) == S_OK && info->get_m_defaultValue(&stored) == S_OK);
     ASSERT_EQ(VT_DISPATCH, V_VT(&value));
     ASSERT_EQ(VT_UNKNOWN, V_VT(&stored));
     EXPECT_NE(static_cast<IUnknown*>(dispatch.Get()), V_DISPATCH(&value));
-    EXPECT_EQ(S_OK, font->IsEqual(AsFont(V_DISPATCH(&value)).Get()));
-    EXPECT_EQ(S_OK, font->IsEqual(AsFont(V_UNKNOWN(&stored)).Get()));
+    EXPECT_EQ(S_OK, font->IsEqual(AsFont(value).Get()));
+    EXPECT_EQ(S_OK, font->IsEqual(AsFont(stored).Get()));
     // The fields after the objects are read from where the loads stopped.
-    LONG objectType = 0;
     info->get_m_objectType(&objectType);
     EXPECT_EQ(42, objectType);
-    // No object comes back as no object.
     const _variant_t none(static_cast<IDispatch*>(nullptr));
     ASSERT_EQ(S_OK, Define(L"none", none));
     EXPECT_EQ(none, Read(L"none"));
@@ -142,16 +133,15 @@ TEST_F(ParameterStreams, ValuesWithoutAStoredFormAreRefused)
     VARIANT array;
     V_VT(&array) = VT_ARRAY | VT_I4;
     V_ARRAY(&array) = SafeArrayCreateVector(VT_I4, 0, 2);
-    _variant_t arrayValue(array, false), text, null;
+    _variant_t arrayValue(array, false), text;
     const HRESULT conversion = VariantChangeType(&text, &arrayValue, 0, VT_BSTR);
     EXPECT_TRUE(FAILED(conversion));
-    V_VT(&null) = VT_NULL;
     ComPtr<ParameterDescription> notPersistable = new ParameterDescription(L"x", _variant_t());
 
     TraceCapture trace;
     EXPECT_EQ(conversion, Define(L"array", arrayValue));
     EXPECT_EQ(conversion, Define(L"array", _variant_t(1L), arrayValue));
-    EXPECT_EQ(DISP_E_TYPEMISMATCH, Define(L"null", null));
+    EXPECT_EQ(DISP_E_TYPEMISMATCH, Define(L"null", NullValue()));
     EXPECT_EQ(E_NOINTERFACE, Define(L"object", _variant_t(static_cast<IUnknown*>(notPersistable.Get()))));
     EXPECT_EQ(3u, trace.Count("FbInstanceData::WritePara() CStreamTool::Write(value) failed\n")) << trace.Text();
     EXPECT_EQ(1u, trace.Count("FbInstanceData::WritePara() CStreamTool::Write(default value) failed\n"));
@@ -172,7 +162,7 @@ TEST_F(ParameterStreams, DamagedStreamsGiveTheirErrorAndMessage)
         const char* message;
     } cases[] = {
         {L"1/0", Record(2), E_FAIL, "FbInstanceData::ReadPara invalid version\n"},
-        {L"1/0", Record(1, 1), kNotParameterStream, "FbInstanceData::ReadPara stream isn't a group\n"},
+        {L"1/0", Record(1, 1), static_cast<HRESULT>(0x80043006), "FbInstanceData::ReadPara stream isn't a group\n"},
         {L"1/0", Record(1, 2, L"q").U16(VT_I4).U32(5), E_FAIL, ": internal error 0xaa: "},
         {L"1/0", ByteBuilder().U32(1).U32(2).U32(0x7FFFFFF0), E_FAIL, failed},
         {L"1/0", Record(), E_FAIL, valueFailed},
