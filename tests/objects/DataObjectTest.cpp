@@ -38,34 +38,30 @@ struct DataClass
     std::vector<Property> properties;   // in the order of their dispatch identifiers, from 1
 };
 
-const std::vector<DataClass>& DataClasses()
-{
-    static const std::vector<DataClass> classes = {
-        {"FdtDescriptor", Make<FdtDescriptor>, IID_IFdtDescriptor,
-         {{L"m_dtm", Kind::Interface, 0, Make<FdtDtmDescriptor>},
-          {L"m_instanceData", Kind::Interface, 0, Make<FdtInstanceDataDescriptor>},
-          {L"m_communication", Kind::Interface, 0, Make<FdtCommunicationDescriptor>}}},
-        {"FdtDtmDescriptor", Make<FdtDtmDescriptor>, IID_IFdtDtmDescriptor,
-         {{L"m_category", Kind::Byte, 1}, {L"m_classification", Kind::Long}, {L"m_device", Kind::String},
-          {L"m_node", Kind::String}, {L"m_application", Kind::Long, 0x020001FE}, {L"m_language", Kind::Long, 0x400}}},
-        {"FdtCommunicationDescriptor", Make<FdtCommunicationDescriptor>, IID_IFdtCommunicationDescriptor,
-         {{L"m_category", Kind::Byte, 1}, {L"m_name", Kind::String}}},
-        {"FdtInstanceDataDescriptor", Make<FdtInstanceDataDescriptor>, IID_IFdtInstanceDataDescriptor,
-         {{L"m_name", Kind::String}}},
-        {"FdtClassID", Make<FdtClassID>, IID_IFdtClassID, {{L"m_classID", Kind::String}}},
-        {"FdtParameter", Make<FdtParameter>, IID_IFdtParameter,
-         {{L"m_name", Kind::String}, {L"m_value", Kind::Variant}, {L"m_defaultValue", Kind::Variant},
-          {L"m_index", Kind::Long}, {L"m_dataType", Kind::Byte}, {L"m_size", Kind::Long},
-          {L"m_objectType", Kind::Long}, {L"m_mandatory", Kind::Boolean}, {L"m_private", Kind::Boolean},
-          {L"m_protected", Kind::Boolean}, {L"m_locked", Kind::Boolean}}},
-        {"FdtInstanceDataRef", Make<FdtInstanceDataRef>, IID_IFdtInstanceDataRef,
-         {{L"m_instanceID", Kind::String}, {L"m_parameterName", Kind::String}}},
-        {"FdtInstanceDataInfo", Make<FdtInstanceDataInfo>, IID_IFdtInstanceDataInfo,
-         {{L"m_displayName", Kind::String}, {L"m_description", Kind::String}, {L"m_vendor", Kind::String},
-          {L"m_version", Kind::String}, {L"m_buildTime", Kind::String}}},
-    };
-    return classes;
-}
+const std::vector<DataClass> kClasses = {
+    {"FdtDescriptor", Make<FdtDescriptor>, IID_IFdtDescriptor,
+     {{L"m_dtm", Kind::Interface, 0, Make<FdtDtmDescriptor>},
+      {L"m_instanceData", Kind::Interface, 0, Make<FdtInstanceDataDescriptor>},
+      {L"m_communication", Kind::Interface, 0, Make<FdtCommunicationDescriptor>}}},
+    {"FdtDtmDescriptor", Make<FdtDtmDescriptor>, IID_IFdtDtmDescriptor,
+     {{L"m_category", Kind::Byte, 1}, {L"m_classification", Kind::Long}, {L"m_device", Kind::String},
+      {L"m_node", Kind::String}, {L"m_application", Kind::Long, 0x020001FE}, {L"m_language", Kind::Long, 0x400}}},
+    {"FdtCommunicationDescriptor", Make<FdtCommunicationDescriptor>, IID_IFdtCommunicationDescriptor,
+     {{L"m_category", Kind::Byte, 1}, {L"m_name", Kind::String}}},
+    {"FdtInstanceDataDescriptor", Make<FdtInstanceDataDescriptor>, IID_IFdtInstanceDataDescriptor,
+     {{L"m_name", Kind::String}}},
+    {"FdtClassID", Make<FdtClassID>, IID_IFdtClassID, {{L"m_classID", Kind::String}}},
+    {"FdtParameter", Make<FdtParameter>, IID_IFdtParameter,
+     {{L"m_name", Kind::String}, {L"m_value", Kind::Variant}, {L"m_defaultValue", Kind::Variant},
+      {L"m_index", Kind::Long}, {L"m_dataType", Kind::Byte}, {L"m_size", Kind::Long},
+      {L"m_objectType", Kind::Long}, {L"m_mandatory", Kind::Boolean}, {L"m_private", Kind::Boolean},
+      {L"m_protected", Kind::Boolean}, {L"m_locked", Kind::Boolean}}},
+    {"FdtInstanceDataRef", Make<FdtInstanceDataRef>, IID_IFdtInstanceDataRef,
+     {{L"m_instanceID", Kind::String}, {L"m_parameterName", Kind::String}}},
+    {"FdtInstanceDataInfo", Make<FdtInstanceDataInfo>, IID_IFdtInstanceDataInfo,
+     {{L"m_displayName", Kind::String}, {L"m_description", Kind::String}, {L"m_vendor", Kind::String},
+      {L"m_version", Kind::String}, {L"m_buildTime", Kind::String}}},
+};
 
 // The property's initial value, or (id > 0) a value that differs from it and
 // from that of every other property of the object.
@@ -93,16 +89,13 @@ HRESULT CallSlot(IDispatch* object, DISPID slot, Arg arg)
 }
 
 // A late-bound property get (without value) or put.
-_variant_t Invoke(IDispatch* object, DISPID id, const _variant_t* value = nullptr)
+_variant_t Invoke(IDispatch* object, DISPID id, VARIANT* value = nullptr)
 {
-    VARIANT argument = {};
-    if (value)
-        argument = *value;   // a shallow copy: Invoke does not change its arguments
     DISPID named = DISPID_PROPERTYPUT;
-    DISPPARAMS params = {&argument, &named, 1, 1}, none = {};
-    _variant_t result;
+    DISPPARAMS params = {value, &named, value ? 1u : 0u, value ? 1u : 0u};
     const WORD flags = value ? DISPATCH_PROPERTYPUT : DISPATCH_PROPERTYGET;
-    EXPECT_EQ(S_OK, object->Invoke(id, IID_NULL, LOCALE_USER_DEFAULT, flags, value ? &params : &none,
+    _variant_t result;
+    EXPECT_EQ(S_OK, object->Invoke(id, IID_NULL, LOCALE_USER_DEFAULT, flags, &params,
                                    value ? nullptr : result.GetAddress(), nullptr, nullptr));
     return result;
 }
@@ -121,10 +114,9 @@ void ExpectRulesOfKind(IDispatch* object, DISPID id, const Property& property)
         EXPECT_EQ(S_OK, CallSlot<BSTR>(object, put, _bstr_t(SysAllocStringLen(L"12\0" L"34", 5), false)));
         EXPECT_TRUE(_variant_t(L"12") == Invoke(object, id)) << "an embedded null ends what is stored";
         EXPECT_EQ(S_OK, CallSlot<BSTR>(object, put, nullptr));
-        BSTR text = nullptr;
-        EXPECT_EQ(S_OK, CallSlot<BSTR*>(object, get, &text));
-        EXPECT_TRUE(text && !*text) << "a null member reads as an empty string";
-        SysFreeString(text);
+        _bstr_t text;
+        EXPECT_EQ(S_OK, CallSlot<BSTR*>(object, get, text.GetAddress()));
+        EXPECT_TRUE(static_cast<const wchar_t*>(text) && !text.length()) << "a null member reads as an empty string";
         break;
     }
     case Kind::Boolean:
@@ -133,10 +125,9 @@ void ExpectRulesOfKind(IDispatch* object, DISPID id, const Property& property)
         break;
     case Kind::Interface:
     {
-        ComPtr<IDispatch> member = property.member();
-        IDispatch* const held = member.Get();
+        IDispatch* const held = property.member().Detach();
         EXPECT_EQ(S_OK, CallSlot(object, put, held));
-        member.Reset();   // the property's reference is now the only one
+        held->Release();   // the property's reference is now the only one
         const LONG objects = LiveDataObjects();
         EXPECT_EQ(S_OK, CallSlot(object, put, held));
         EXPECT_EQ(objects, LiveDataObjects()) << "setting the object held destroyed it";
@@ -152,53 +143,47 @@ void ExpectRulesOfKind(IDispatch* object, DISPID id, const Property& property)
             EXPECT_EQ(S_OK, CallSlot<VARIANT*>(object, get, value.GetAddress()));
             return value;
         };
-        VARIANT invalid;
-        VariantInit(&invalid);
+        VARIANT invalid = {};
         V_VT(&invalid) = 0x7F;   // no such type
         _variant_t probe;
         const HRESULT copyFailure = VariantCopy(&probe, &invalid);
-        ASSERT_TRUE(FAILED(copyFailure));
         EXPECT_EQ(S_OK, CallSlot(object, put, invalid));
         EXPECT_TRUE(_variant_t(copyFailure, VT_ERROR) == read()) << "kept as the copy's failure";
         // A caller's VARIANT that cannot be cleared fails the getter and is left alone.
         EXPECT_TRUE(FAILED(CallSlot<VARIANT*>(object, get, &invalid)));
         EXPECT_EQ(0x7F, V_VT(&invalid));
-        // Every read is an independent deep copy.
         EXPECT_EQ(S_OK, CallSlot<VARIANT>(object, put, _variant_t(L"4.5 bar")));
-        _variant_t first = read(), second = read();
-        ASSERT_EQ(VT_BSTR, first.vt);
-        EXPECT_NE(first.bstrVal, second.bstrVal);
-        first.bstrVal[0] = L'X';
-        EXPECT_TRUE(_variant_t(L"4.5 bar") == read());
+        const _variant_t first = read(), second = read();
+        EXPECT_TRUE(_variant_t(L"4.5 bar") == first && first.bstrVal != second.bstrVal) << "each read a deep copy";
         // A null string stays null: the store encodes it apart from an empty one.
-        EXPECT_EQ(S_OK, CallSlot<VARIANT>(object, put, _variant_t(_bstr_t())));
-        const _variant_t null = read();
-        EXPECT_EQ(VT_BSTR, null.vt);
-        EXPECT_EQ(nullptr, null.bstrVal);
+        EXPECT_EQ(S_OK, CallSlot<VARIANT>(object, put, BstrValue(nullptr)));
+        ExpectSame(BstrValue(nullptr), read());
         break;
     }
     }
 }
 
-class DataObjects : public LeakCheckedTest
+struct DataObjects : LeakCheckedTest
 {
-public:
     // Each interface keeps the type information of its first dispatch call:
     // loaded here, outside every leak check.
     static void SetUpTestSuite()
     {
-        for (const DataClass& dataClass : DataClasses())
-        {
-            ComPtr<ITypeInfo> info;
-            ASSERT_EQ(S_OK, dataClass.make()->GetTypeInfo(0, LOCALE_USER_DEFAULT, info.GetAddressOf()));
-        }
+        ComPtr<ITypeInfo> info;
+        for (const DataClass& dataClass : kClasses)
+            ASSERT_EQ(S_OK, dataClass.make()->GetTypeInfo(0, LOCALE_USER_DEFAULT, info.ReleaseAndGetAddressOf()));
     }
 };
 }  // namespace
 
-TEST_F(DataObjects, EveryAccessorHasItsDefaultAndTheRulesOfItsKind)
+// Defaults, dispatch identifiers and accessor rules; the interfaces IUnknown,
+// IDispatch, its own and ISupportErrorInfo, which claims only the own one.
+TEST_F(DataObjects, AccessorsAndInterfaces)
 {
-    for (const DataClass& dataClass : DataClasses())
+    std::vector<IID> iids = {IID_IDispatch, IID_IPersist, IID_IMarshal, IID_IFbInstanceData, IID_IErrorInfo};
+    for (const DataClass& dataClass : kClasses)
+        iids.push_back(dataClass.iid);
+    for (const DataClass& dataClass : kClasses)
     {
         ComPtr<IDispatch> object = dataClass.make();
         ASSERT_TRUE(object) << dataClass.name;
@@ -206,8 +191,7 @@ TEST_F(DataObjects, EveryAccessorHasItsDefaultAndTheRulesOfItsKind)
         for (DISPID id = 1; id <= static_cast<DISPID>(dataClass.properties.size()); ++id)
         {
             const Property& property = dataClass.properties[id - 1];
-            SCOPED_TRACE(testing::Message() << dataClass.name << "."
-                                            << static_cast<const char*>(_bstr_t(property.name)));
+            SCOPED_TRACE(testing::Message() << dataClass.name << "." << property.name);
             LPOLESTR name = const_cast<LPOLESTR>(property.name);
             DISPID named = DISPID_UNKNOWN;
             EXPECT_EQ(S_OK, object->GetIDsOfNames(IID_NULL, &name, 1, LOCALE_USER_DEFAULT, &named));
@@ -221,34 +205,20 @@ TEST_F(DataObjects, EveryAccessorHasItsDefaultAndTheRulesOfItsKind)
         // Each getter reads what its own setter wrote.
         for (DISPID id = 1; id <= static_cast<DISPID>(kept.size()); ++id)
             EXPECT_TRUE(kept[id - 1] == Invoke(object.Get(), id)) << dataClass.name << " " << id;
-    }
-}
-
-// IUnknown, IDispatch (the object's own interface), its own interface and
-// ISupportErrorInfo, which claims only the own interface; nothing else.
-TEST_F(DataObjects, AnswerFourInterfacesAndErrorInfoForTheirOwn)
-{
-    std::vector<IID> others = {IID_IPersist, IID_IMarshal, IID_IFbInstanceData, IID_IErrorInfo};
-    for (const DataClass& dataClass : DataClasses())
-        others.push_back(dataClass.iid);
-    for (const DataClass& dataClass : DataClasses())
-    {
-        SCOPED_TRACE(dataClass.name);
-        ComPtr<IDispatch> object = dataClass.make();
-        ComPtr<IUnknown> unknown, own, identity;
+        ComPtr<IUnknown> unknown, identity;
         ComPtr<ISupportErrorInfo> errorInfo;
-        ASSERT_EQ(S_OK, object->QueryInterface(IID_PPV_ARGS(&unknown)));
-        ASSERT_EQ(S_OK, unknown->QueryInterface(dataClass.iid, &own));
-        ASSERT_EQ(S_OK, unknown.As(&errorInfo));
+        ASSERT_EQ(S_OK, object.As(&unknown));
+        ASSERT_EQ(S_OK, object.As(&errorInfo));
         ASSERT_EQ(S_OK, errorInfo.As(&identity));
-        EXPECT_EQ(own.Get(), object.Get());
         EXPECT_EQ(unknown.Get(), identity.Get());
         EXPECT_EQ(S_OK, errorInfo->InterfaceSupportsErrorInfo(dataClass.iid));
         EXPECT_EQ(S_FALSE, errorInfo->InterfaceSupportsErrorInfo(IID_IDispatch));
-        for (const IID& iid : others)
+        for (const IID& iid : iids)
         {
-            ComPtr<IUnknown> other;
-            EXPECT_EQ(InlineIsEqualGUID(iid, dataClass.iid) ? S_OK : E_NOINTERFACE, object->QueryInterface(iid, &other));
+            ComPtr<IUnknown> answer;
+            const bool own = InlineIsEqualGUID(iid, IID_IDispatch) || InlineIsEqualGUID(iid, dataClass.iid);
+            EXPECT_EQ(own ? S_OK : E_NOINTERFACE, object->QueryInterface(iid, &answer)) << dataClass.name;
+            EXPECT_EQ(own ? object.Get() : nullptr, answer.Get());
         }
     }
 }
