@@ -1,36 +1,23 @@
-// The installer package under msiexec, in a Wine prefix of its own where the
-// FDT installation (its stand-ins) is in place: a quiet install registers the
-// module so that a client creates the class by its programmatic identifier;
-// the uninstall leaves the registry and Program Files as they were.
+// The installer package under msiexec, in a Wine prefix of its own where the FDT installation (its stand-ins) is
+// in place: a quiet install registers the module so that a client creates the class by its programmatic
+// identifier; the uninstall leaves the registry and Program Files as they were.
 #include <gtest/gtest.h>
-#include <ole2.h>
-#include <msi.h>
 #include "RegistrySnapshot.h"
+#include <msi.h>   // after windows.h
 
 using namespace registry;
 
 namespace
 {
-std::wstring ProgramFiles(const wchar_t* folder)
-{
-    wchar_t path[MAX_PATH];
-    const DWORD length = GetEnvironmentVariableW(L"ProgramFiles", path, MAX_PATH);
-    return std::wstring(path, length) + L"\\" + folder;
-}
+const std::wstring kInstallFolder = _wgetenv(L"ProgramFiles") + std::wstring(L"\\Korvo VQ InstanceData");
+const std::wstring kFdtFolder = _wgetenv(L"ProgramFiles") + std::wstring(L"\\Korvo FDT");
+const std::wstring kPackage =
+    ProgramDirectory() + (sizeof(void*) == 8 ? L"InstanceData-x86_64.msi" : L"InstanceData-i686.msi");
 
-const std::wstring kInstallFolder = ProgramFiles(L"Korvo VQ InstanceData");
-const std::wstring kFdtFolder = ProgramFiles(L"Korvo FDT");
-
-std::wstring Package()
+// msiexec <action> <package or product> /qn
+DWORD Msiexec(const wchar_t* action, const std::wstring& package = kPackage)
 {
-    return ProgramDirectory() + (sizeof(void*) == 8 ? L"InstanceData-x86_64.msi" : L"InstanceData-i686.msi");
-}
-
-// msiexec <action> [the package] /qn
-DWORD Msiexec(const wchar_t* action, bool package = true)
-{
-    return RunProgram(SystemProgram(L"msiexec.exe") + L" " + action +
-                              (package ? L" \"" + Package() + L"\"" : L"") + L" /qn");
+    return RunProgram(SystemProgram(L"msiexec.exe") + L" " + action + L" \"" + package + L"\" /qn");
 }
 
 bool Exists(const std::wstring& path)
@@ -38,44 +25,34 @@ bool Exists(const std::wstring& path)
     return GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES;
 }
 
-// The FDT installation: the module list, its registration component and
-// interface library registered from a folder of their own, and FdtEnlist on
-// the program search path of every process started from now on (msiexec and
-// the regsvr32 it runs).
-void InstallFdtStandIns()
+// The FDT installation first: its module list, registration component and interface library registered from a
+// folder of their own, and FdtEnlist on the search path of the processes started from now on (msiexec, regsvr32).
+TEST(Installer, InstallRegistersTheClassAndUninstallRestoresRegistryAndFolder)
 {
-    // Keys the installer service keeps once any product was installed.
+    HKEY created = nullptr;   // keys the installer service keeps once any product was installed
     for (const char* key : {"Installer\\Features", "Installer\\Products", "Installer\\UpgradeCodes"})
-        CreateKey(HKEY_CLASSES_ROOT, key);
+        if (RegCreateKeyA(HKEY_CLASSES_ROOT, key, &created) == ERROR_SUCCESS)
+            RegCloseKey(created);
     CreateDirectoryW(kFdtFolder.c_str(), nullptr);
     for (const wchar_t* file : {L"FdtEnlist.exe", L"FdtRegisterComp.dll", L"FdtInterfaces.tlb"})
         CopyFileW((ProgramDirectory() + file).c_str(), (kFdtFolder + L"\\" + file).c_str(), FALSE);
-    CreateKey(HKEY_LOCAL_MACHINE, "Software\\Korvo\\FDT\\Modules");
+    // Another module in the FDT module list, which stays as it is.
+    WriteString(HKEY_LOCAL_MACHINE, "Software\\Korvo\\FDT\\Modules\\{7D5A8C31-0000-4000-8000-000000000001}", "Name",
+                "other");
     ITypeLib* library = nullptr;
     if (SUCCEEDED(LoadTypeLibEx((kFdtFolder + L"\\FdtInterfaces.tlb").c_str(), REGKIND_REGISTER, &library)))
         library->Release();
     RunProgram(SystemProgram(L"regsvr32.exe") + L" /s \"" + kFdtFolder + L"\\FdtRegisterComp.dll\"");
-    wchar_t path[32768];
-    const DWORD length = GetEnvironmentVariableW(L"PATH", path, 32768);
-    SetEnvironmentVariableW(L"PATH", (std::wstring(path, length) + L";" + kFdtFolder).c_str());
-}
-
-TEST(Installer, InstallRegistersTheClassAndUninstallRestoresRegistryAndFolder)
-{
-    // A run that stopped half-way, of this build or an earlier one (each
-    // build is a product of its own), leaves nothing for this one.
+    SetEnvironmentVariableW(L"PATH", (_wgetenv(L"PATH") + (L";" + kFdtFolder)).c_str());
+    // What a run that stopped half-way left, of this build or an earlier one (each a product of its own), goes.
     wchar_t product[39], name[256];
-    for (DWORD index = 0; MsiEnumProductsW(index, product) == ERROR_SUCCESS; ++index)
-    {
-        DWORD length = 256;
+    for (DWORD index = 0, length = 256; MsiEnumProductsW(index, product) == ERROR_SUCCESS; ++index, length = 256)
         if (MsiGetProductInfoW(product, INSTALLPROPERTY_PRODUCTNAME, name, &length) == ERROR_SUCCESS &&
             std::wstring(name) == L"Korvo VQ InstanceData")
         {
-            ASSERT_EQ(0u, Msiexec((L"/x " + std::wstring(product)).c_str(), false));
+            ASSERT_EQ(0u, Msiexec(L"/x", product));
             index = DWORD(-1);   // the enumeration starts again
         }
-    }
-    ASSERT_TRUE(Exists(Package()));
     ASSERT_FALSE(Exists(kInstallFolder));
     const Lines before = Snapshot();
 
@@ -92,7 +69,7 @@ TEST(Installer, InstallRegistersTheClassAndUninstallRestoresRegistryAndFolder)
     installed.push_back("HKCR\\Installer");
     EXPECT_EQ(std::vector<std::string>{}, Changes(before, Snapshot(), installed));
     // A client creates the class by its programmatic identifier and opens a store.
-    const std::wstring store = ProgramDirectory() + L"testfiles\\installed.stg";
+    const std::wstring store = TestFilesDirectory() + TestName() + L".stg";
     EXPECT_EQ(0u, RunProgram(L"\"" + ProgramDirectory() + L"RegisteredClient.exe\" \"" + store + L"\""));
     DeleteFileW(store.c_str());
 
@@ -102,13 +79,9 @@ TEST(Installer, InstallRegistersTheClassAndUninstallRestoresRegistryAndFolder)
 }
 }  // namespace
 
+// Not the common main: the type libraries are registered as the FDT installation does it.
 int main(int argc, char** argv)
 {
     testing::InitGoogleTest(&argc, argv);
-    if (FAILED(CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED)))
-        return 2;
-    InstallFdtStandIns();
-    const int result = RUN_ALL_TESTS();
-    CoUninitialize();
-    return result;
+    return RUN_ALL_TESTS();
 }

@@ -9,33 +9,32 @@ using namespace registry;
 namespace
 {
 const std::string kRoot = "Software\\KorvoRegistrarTest";
-const Lines kUntouched = {"", "Existing", R"(Existing|"kept"="yes")"};
+const std::string kLongName(32, 'N');
+const Lines kUntouched = {R"(Existing|"kept"="yes")"};
 
 // body inside HKCU\Software\KorvoRegistrarTest, which the walks keep.
 std::string InTestKey(const std::string& body)
 {
-    return "HKCU\r\n{\r\n\tNoRemove Software\r\n\t{\r\n\t\tNoRemove KorvoRegistrarTest\r\n\t\t{\r\n" + body +
-           "\r\n\t\t}\r\n\t}\r\n}\r\n";
+    return "HKCU { NoRemove Software { NoRemove KorvoRegistrarTest { " + body + " } } }\r\n";
 }
 
-std::string Key(const std::string& sub)
-{
-    return kRoot + "\\" + sub;
-}
-
+// Each test starts with a test key that holds only a value of a key of its own, which no script names.
 class RegistrarScript : public testing::Test
 {
 protected:
     void SetUp() override
     {
         RegDeleteTreeA(HKEY_CURRENT_USER, kRoot.c_str());
-        WriteString(HKEY_CURRENT_USER, Key("Existing"), "kept", "yes");
+        WriteString(HKEY_CURRENT_USER, kRoot + "\\Existing", "kept", "yes");
     }
-    void TearDown() override { RegDeleteTreeA(HKEY_CURRENT_USER, kRoot.c_str()); }
 
-    static HRESULT Run(const std::string& body, bool registerMode)
+    // With the replacement "Module" and one whose name is too long to be looked up.
+    static HRESULT Run(const std::string& script, bool registerMode = true)
     {
-        return CRegistrar().RunScript(InTestKey(body).c_str(), registerMode);
+        CRegistrar registrar;
+        registrar.AddReplacement("Module", "C:\\It''s\\a.dll");
+        registrar.AddReplacement(kLongName.c_str(), "never");
+        return registrar.RunScript(script.c_str(), registerMode);
     }
 };
 
@@ -43,27 +42,18 @@ protected:
 TEST_F(RegistrarScript, ValuesOfEveryTypeAndReplacementsRoundTripAndUnregisterRemovesThem)
 {
     const std::string script = InTestKey(
-        "Values = s 'default text'\r\n"
-        "{\r\n"
-        "\tval Text = s 'It''s here'\r\n"
-        "\tVAL Number = D '4294967295'\r\n"
-        "\tval Small = d 123\r\n"
-        "\tval Bytes = b '00ff10AB'\r\n"
-        "\tval Empty = b ''\r\n"
-        "\tval Upper = s '%MODULE%' val Lower = s '%module%' val Percent = s '100%%'\r\n"
-        "\t'Quoted ''Name''' = s 'with spaces'\r\n"
-        "\t'Val'\r\n"
-        "}");
-    CRegistrar registrar;
-    registrar.AddReplacement("Module", "C:\\It''s\\a.dll");
-    ASSERT_EQ(S_OK, registrar.RunScript(script.c_str(), true));
-    EXPECT_EQ((Lines{"", R"(|@="default text")", R"(|"Text"="It's here")", R"(|"Number"=dword:ffffffff)",
-                     R"(|"Small"=dword:0000007b)", R"(|"Bytes"=hex:00,ff,10,ab)", R"(|"Empty"=hex:)",
-                     R"(|"Upper"="C:\\It's\\a.dll")", R"(|"Lower"="C:\\It's\\a.dll")", R"(|"Percent"="100%")",
-                     "Quoted 'Name'", R"(Quoted 'Name'|@="with spaces")", "Val"}),
-              Dump(HKEY_CURRENT_USER, Key("Values")));
+        "Values = s 'default text'\r\n{\r\n\tval Text = s 'It''s here'\r\n\tVAL Number = D '4294967295'\r\n"
+        "\tval Small = d 123\r\n\tval Bytes = b '00ff10AB'\r\n\tval Empty = b ''\r\n\tval Upper = s '%MODULE%' "
+        "val Lower = s '%module%' val Percent = s '100%%'\r\n\t'Quoted ''Name''' = s 'with spaces'\r\n\t'Val'\r\n}");
+    ASSERT_EQ(S_OK, Run(script));
+    EXPECT_EQ((Lines{R"(Values|@="default text")", R"(Values|"Text"="It's here")", R"(Values|"Number"=dword:ffffffff)",
+                     R"(Values|"Small"=dword:0000007b)", R"(Values|"Bytes"=hex:00,ff,10,ab)", R"(Values|"Empty"=hex:)",
+                     R"(Values|"Upper"="C:\\It's\\a.dll")", R"(Values|"Lower"="C:\\It's\\a.dll")",
+                     R"(Values|"Percent"="100%")", R"(Values\Quoted 'Name'|@="with spaces")", R"(Values\Val)",
+                     R"(Existing|"kept"="yes")"}),
+              Dump(HKEY_CURRENT_USER, kRoot));
 
-    ASSERT_EQ(S_OK, registrar.RunScript(script.c_str(), false));
+    ASSERT_EQ(S_OK, Run(script, false));
     EXPECT_EQ(kUntouched, Dump(HKEY_CURRENT_USER, kRoot));
 }
 
@@ -71,7 +61,6 @@ TEST_F(RegistrarScript, ValuesOfEveryTypeAndReplacementsRoundTripAndUnregisterRe
 // stopped, which takes back what it had made.
 TEST_F(RegistrarScript, FailingScriptsLeaveTheRegistryAsItWas)
 {
-    const std::string longName(32, 'N');
     const struct
     {
         const char* what;
@@ -86,54 +75,44 @@ TEST_F(RegistrarScript, FailingScriptsLeaveTheRegistryAsItWas)
         {"missing closing brace", InTestKey("A { B { C"), DISP_E_EXCEPTION},
         {"unknown replacement", InTestKey("A = s '%NOWHERE%'"), DISP_E_EXCEPTION},
         {"unterminated replacement", InTestKey("A = s '%MODULE'"), DISP_E_EXCEPTION},
-        {"replacement name too long", InTestKey("A = s '%" + longName + "%'"), E_FAIL},
+        {"replacement name too long", InTestKey("A = s '%" + kLongName + "%'"), E_FAIL},
         {"not a root key", "HKXX { }", DISP_E_EXCEPTION},
     };
     for (const auto& c : cases)
     {
         SCOPED_TRACE(c.what);
-        CRegistrar registrar;
-        registrar.AddReplacement("Module", "m.dll");
-        registrar.AddReplacement(longName.c_str(), "never");
-        EXPECT_EQ(c.expected, registrar.RunScript(c.script.c_str(), true));
+        EXPECT_EQ(c.expected, Run(c.script));
         EXPECT_EQ(kUntouched, Dump(HKEY_CURRENT_USER, kRoot));
     }
 
     // Only the failing block is taken back.
-    const std::string twoBlocks = InTestKey("First") + InTestKey("Second { val v = q 'x' }");
-    EXPECT_EQ(DISP_E_EXCEPTION, CRegistrar().RunScript(twoBlocks.c_str(), true));
-    EXPECT_EQ(Lines{""}, Dump(HKEY_CURRENT_USER, Key("First")));
-    EXPECT_EQ(Lines{}, Dump(HKEY_CURRENT_USER, Key("Second")));
+    EXPECT_EQ(DISP_E_EXCEPTION, Run(InTestKey("First") + InTestKey("Second { val v = q 'x' }")));
+    EXPECT_EQ((Lines{"First", R"(Existing|"kept"="yes")"}), Dump(HKEY_CURRENT_USER, kRoot));
 }
 
 TEST_F(RegistrarScript, ForceRemoveAndDeleteSpareClsidAndTypeLib)
 {
-    for (const char* stale : {"Force\\Stale", "Gone\\Child", "CLSID\\Keep", "TypeLib\\Keep"})
-        WriteString(HKEY_CURRENT_USER, Key(stale), "old", "1");
-    WriteString(HKEY_CURRENT_USER, Key("Force"), "old", "1");
-    ASSERT_EQ(S_OK, Run("ForceRemove Force { val v = s 'new' } Delete Gone = s 'ignored' After Delete Absent "
-                        "forceremove CLSID { val a = s 'b' } Delete typelib",
-                        true));
-    EXPECT_EQ((Lines{"", "Existing", R"(Existing|"kept"="yes")", "Force", R"(Force|"v"="new")", "After", "CLSID",
-                     R"(CLSID|"a"="b")", "CLSID\\Keep", R"(CLSID\Keep|"old"="1")", "TypeLib", "TypeLib\\Keep",
-                     R"(TypeLib\Keep|"old"="1")"}),
+    for (const char* stale : {"Force", "Force\\Stale", "Gone\\Child", "CLSID\\Keep", "TypeLib\\Keep"})
+        WriteString(HKEY_CURRENT_USER, kRoot + "\\" + stale, "old", "1");
+    ASSERT_EQ(S_OK, Run(InTestKey("ForceRemove Force { val v = s 'new' } Delete Gone = s 'ignored' After "
+                                  "Delete Absent forceremove CLSID { val a = s 'b' } Delete typelib")));
+    EXPECT_EQ((Lines{R"(Existing|"kept"="yes")", R"(Force|"v"="new")", "After", R"(CLSID|"a"="b")",
+                     R"(CLSID\Keep|"old"="1")", R"(TypeLib\Keep|"old"="1")"}),
               Dump(HKEY_CURRENT_USER, kRoot));
 }
 
 TEST_F(RegistrarScript, UnregisterKeepsNoRemoveKeysAndKeysWithForeignSubkeys)
 {
-    const std::string body =
-        "noremove Kept { val v = s '1' Inner } Shared { Mine } Plain = s 'x' { val v = s '1' } "
-        "Gone { Deeper { val x = s 'y' } }";
-    ASSERT_EQ(S_OK, Run(body, true));
-    WriteString(HKEY_CURRENT_USER, Key("Shared\\Foreign"), nullptr, "theirs");
-    RegDeleteTreeA(HKEY_CURRENT_USER, Key("Gone").c_str());
+    const std::string script = InTestKey("noremove Kept { val v = s '1' Inner } Shared { Mine } "
+                                         "Plain = s 'x' { val v = s '1' } Gone { Deeper { val x = s 'y' } }");
+    ASSERT_EQ(S_OK, Run(script));
+    WriteString(HKEY_CURRENT_USER, kRoot + "\\Shared\\Foreign", nullptr, "theirs");
+    RegDeleteTreeA(HKEY_CURRENT_USER, (kRoot + "\\Gone").c_str());
 
-    ASSERT_EQ(S_OK, Run(body, false));
-    EXPECT_EQ((Lines{"", "Existing", R"(Existing|"kept"="yes")", "Kept", "Shared", "Shared\\Foreign",
-                     R"(Shared\Foreign|@="theirs")"}),
+    ASSERT_EQ(S_OK, Run(script, false));
+    EXPECT_EQ((Lines{R"(Existing|"kept"="yes")", "Kept", R"(Shared\Foreign|@="theirs")"}),
               Dump(HKEY_CURRENT_USER, kRoot));
     // Unregistering again finds nothing to do and is no error.
-    EXPECT_EQ(S_OK, Run(body, false));
+    EXPECT_EQ(S_OK, Run(script, false));
 }
 }  // namespace
