@@ -82,14 +82,17 @@ __attribute__((noinline)) bool CFaultGuard::Run(void (*body)(void* context), voi
     frame.faulted = 0;
     frame.threadId = GetCurrentThreadId();
     frame.outer = g_innermost;
+    // The outer guard is innermost again however this one ends: by a fault,
+    // by a return or by a C++ exception that passes through.
+    struct Restore
+    {
+        GuardFrame* outer;
+        ~Restore() { g_innermost = outer; }
+    } restore = {frame.outer};
     CAPTURE_CONTEXT(&frame.resume);
     if (frame.faulted)
-    {
-        g_innermost = frame.outer;
         return false;
-    }
     g_innermost = &frame;
     body(context);
-    g_innermost = frame.outer;
     return true;
 }

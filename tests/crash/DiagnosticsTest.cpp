@@ -1,6 +1,5 @@
-// The parts of the crash report that the end-to-end report of CrashProgram
-// does not reach (message lookup, module enumeration, long pieces, nested
-// guards), and reports of exceptions made up in this process.
+// The parts of the crash report that the end-to-end report of CrashProgram does not reach (message lookup, module
+// enumeration, long pieces, C++ exceptions through a guard), and reports of exceptions made up here.
 #include <gtest/gtest.h>
 #include <windows.h>
 #include <psapi.h>
@@ -10,6 +9,7 @@
 #include <set>
 #include <stdexcept>
 #include <string>
+#include <tuple>
 #include "TestMessages.h"
 #include "TestSupport.h"
 #include "diagnostics/ContextCapture.h"
@@ -18,16 +18,6 @@
 #include "diagnostics/FaultGuard.h"
 #include "diagnostics/ModuleEnumerator.h"
 #include "diagnostics/ReportWriter.h"
-
-namespace
-{
-std::string Address(DWORD64 value)
-{
-    char text[32];
-    _snprintf(text, sizeof text, sizeof(void*) == 8 ? "%016I64X" : "%08I64X", value);
-    return text;
-}
-}  // namespace
 
 // Codes outside the table of names take the system text: Wine's NTDLL has
 // none, so the lookup is tried on this program's own message table.
@@ -44,22 +34,20 @@ TEST(ExceptionNames, MessageTableLookup)
     EXPECT_STREQ("", CExceptionNames::LookupMessage(nullptr, TEST_MESSAGE_WITH_INSERT));
 }
 
-// This platform takes the tool-help way; the process-status functions of
-// the system are the reference.
+// This platform takes the tool-help way; the process-status functions of the system are the reference.
 TEST(ModuleEnumeration, AllBasesOrTheCountThatIsNeeded)
 {
-    const DWORD id = GetCurrentProcessId();
-    DWORD count = 0;
-    ASSERT_TRUE(CModuleEnumerator::Enumerate(id, 0, nullptr, &count)) << GetLastError();
     HMODULE listed[256] = {};
     DWORD bytes = 0;
     ASSERT_TRUE(K32EnumProcessModules(GetCurrentProcess(), listed, sizeof listed, &bytes));
     const std::set<HMODULE> expected(listed, listed + bytes / sizeof(HMODULE));
+    const DWORD id = GetCurrentProcessId();
+    DWORD count = 0;
+    ASSERT_TRUE(CModuleEnumerator::Enumerate(id, 0, nullptr, &count)) << GetLastError();
     EXPECT_EQ(expected.size(), count);
     HMODULE bases[256] = {};
-    DWORD filled = 0;
-    ASSERT_TRUE(CModuleEnumerator::Enumerate(id, count + 4, bases, &filled));
-    EXPECT_EQ(expected, std::set<HMODULE>(bases, bases + filled));
+    ASSERT_TRUE(CModuleEnumerator::Enumerate(id, count + 4, bases, &count));
+    EXPECT_EQ(expected, std::set<HMODULE>(bases, bases + count));
 
     // Too few entries: 122, with the count of all and the bases that fit.
     HMODULE two[2] = {};
@@ -80,52 +68,49 @@ TEST(ReportWriter, LongPiecesAreCutNotLostAtErrorLevel)
     EXPECT_EQ(0u, trace.Lines()[0].find("<bbb"));
 }
 
-TEST(FaultGuard, FaultEndsOnlyTheGuardedPiece)
+// The report's nested guards, one of them ending in a fault, are in the end-to-end report.
+TEST(FaultGuard, ExceptionsAndDebugNotificationsAreNoFaults)
 {
     int steps = 0;
-    auto inner = [&] {
+    auto faulting = [&] {
         ++steps;
         *reinterpret_cast<volatile char*>(static_cast<ULONG_PTR>(0x20)) = 1;
         ++steps;
     };
+    // An exception passes through an inner guard; a fault after it ends the outer one.
     auto outer = [&] {
-        EXPECT_FALSE(CFaultGuard::Run(inner));
-        ++steps;
+        auto throwing = [] { throw std::runtime_error("passes"); };
+        EXPECT_THROW(CFaultGuard::Run(throwing), std::runtime_error);
+        faulting();
     };
-    EXPECT_TRUE(CFaultGuard::Run(outer));
-    EXPECT_EQ(2, steps);
-
-    // C++ exceptions pass through, and the guard is left behind cleanly; debug notifications are no faults.
-    auto throwing = [] { throw std::runtime_error("passes"); };
-    EXPECT_THROW(CFaultGuard::Run(throwing), std::runtime_error);
-    EXPECT_FALSE(CFaultGuard::Run(inner));
-    EXPECT_EQ(3, steps);
-
+    EXPECT_FALSE(CFaultGuard::Run(outer));
+    EXPECT_EQ(1, steps);
     EXPECT_FALSE(CFaultGuard::IsProcessorFault(DBG_PRINTEXCEPTION_C));
 }
 
 namespace
 {
-#ifdef _WIN64
-DWORD64 InstructionPointer(const CONTEXT& context) { return context.Rip; }
-#else
-DWORD64 InstructionPointer(const CONTEXT& context) { return context.Eip; }
-#endif
-
-// The report of input and the address where it must say the fault is. Null
-// input: an access violation "raised" here, with this frame's context.
-// Without readable input (no context, or a pointer that cannot be read) the
+// The report of input and the address where it must say the fault is. Null input: an access violation "raised"
+// here, with this frame's context. Without readable input (no context, or a pointer that cannot be read) the
 // report substitutes a single step at the start of the report function.
 __attribute__((noinline)) std::string ReportHere(const EXCEPTION_POINTERS* input, std::string& fault)
 {
     TraceCapture trace;
     CONTEXT context = {};
     CAPTURE_CONTEXT(&context);
+#ifdef _WIN64
+    const DWORD64 here = context.Rip;
+#else
+    const DWORD64 here = context.Eip;
+#endif
     EXCEPTION_RECORD record = {EXCEPTION_ACCESS_VIOLATION};
-    record.ExceptionAddress = reinterpret_cast<void*>(static_cast<ULONG_PTR>(InstructionPointer(context)));
-    const EXCEPTION_POINTERS here = {&record, &context};
-    WriteExceptionReport(input ? input : &here);
-    fault = Address(input ? reinterpret_cast<ULONG_PTR>(&WriteExceptionReport) : InstructionPointer(context));
+    record.ExceptionAddress = reinterpret_cast<void*>(static_cast<ULONG_PTR>(here));
+    const EXCEPTION_POINTERS pointers = {&record, &context};
+    WriteExceptionReport(input ? input : &pointers);
+    char text[32];
+    _snprintf(text, sizeof text, sizeof(void*) == 8 ? "%016I64X" : "%08I64X",
+              input ? DWORD64(reinterpret_cast<ULONG_PTR>(&WriteExceptionReport)) : here);
+    fault = text;
     return trace.Text();
 }
 }  // namespace
@@ -134,30 +119,26 @@ TEST(ExceptionReport, CodeFaultRegistersAndBothWalksStartAtTheFault)
 {
     EXCEPTION_RECORD record = {};
     const EXCEPTION_POINTERS noContext = {&record, nullptr};
-    const struct
-    {
-        const char* code;
-        const char* firstFunction;
-        const EXCEPTION_POINTERS* input;
-    } cases[] = {
+    // Code, the function where both walks start, input.
+    const std::tuple<const char*, const char*, const EXCEPTION_POINTERS*> cases[] = {
         {"C0000005 ACCESS_VIOLATION", "ReportHere", nullptr},
         {"80000004 SINGLE_STEP", "WriteExceptionReport", &noContext},
         {"80000004 SINGLE_STEP", "WriteExceptionReport", reinterpret_cast<const EXCEPTION_POINTERS*>(ULONG_PTR(0x10))},
     };
     char program[MAX_PATH];
     GetModuleFileNameA(nullptr, program, MAX_PATH);
-    for (const auto& c : cases)
+    for (const auto& [code, firstFunction, input] : cases)
     {
-        SCOPED_TRACE(c.code);
+        SCOPED_TRACE(code);
         std::string fault;
-        const std::string report = ReportHere(c.input, fault);
-        EXPECT_NE(std::string::npos, report.find(std::string("\nException code: ") + c.code + "\nFault address:  " +
+        const std::string report = ReportHere(input, fault);
+        EXPECT_NE(std::string::npos, report.find(std::string("\nException code: ") + code + "\nFault address:  " +
                                                  fault + " 01:"))
             << report.substr(0, 300);
         EXPECT_NE(std::string::npos, report.find(std::string(" ") + program + "\n"));
         EXPECT_TRUE(std::regex_search(report, std::regex("\nCS:[ER]IP:[0-9A-F]{4}:" + fault + "\n")));
         // Both walks start there, in the function that is expected.
-        const std::regex walk("SourceFile\n" + fault + "  [0-9A-F]+  " + c.firstFunction + "\\+");
+        const std::regex walk("SourceFile\n" + fault + "  [0-9A-F]+  " + firstFunction + "\\+");
         EXPECT_EQ(2, std::distance(std::sregex_iterator(report.begin(), report.end(), walk), std::sregex_iterator()));
     }
 }
