@@ -1,6 +1,6 @@
 // Parameter groups: the file of the independent byte check, names shared
-// with parameters, values through the members, and damaged group and member
-// streams.
+// with parameters, values through the members and a member stream of the
+// wrong kind.
 #include "TestSupport.h"
 
 namespace
@@ -124,38 +124,4 @@ TEST_F(Groups, MemberFaults)
     EXPECT_EQ(2u, trace.Lines().size()) << trace.Text();
     EXPECT_EQ(2u, trace.Count("FbInstanceData::ReadPara stream isn't a group\n"));
     EXPECT_EQ(_variant_t(7L), Read(L"A"));
-}
-
-// Members and values fail alike on a damaged group stream; the identifier alone is read without the members.
-TEST_F(Groups, DamagedGroupStreams)
-{
-    ASSERT_EQ(S_OK, Put(L"g", Names{L"x"}));
-    const char* failed = ": error 0x80004005: ";
-    const struct
-    {
-        Bytes bytes;
-        HRESULT result;
-        const char* message;
-    } cases[] = {
-        {ByteBuilder().Header(L"g", 1, 2).U32(1).U32(0), E_FAIL, "FbInstanceData::ReadGroup invalid version\n"},
-        {ByteBuilder().Header(L"g", 2).U32(1).U32(0), static_cast<HRESULT>(0x80043007),
-         "FbInstanceData::ReadGroup stream isn't a group\n"},
-        {ByteBuilder().Header(L"h", 1).U32(1).U32(0), E_FAIL, ": internal error 0xaa: "},
-        {ByteBuilder().Header(L"g", 1).U32(1).U32(0xFFFFFFFF).Str(L"x"), E_FAIL, failed},
-        {ByteBuilder().Header(L"g", 1).U32(1).U32(2).Str(L"x").U32(0x7FFFFFFE), E_FAIL, failed},
-        {ByteBuilder().Header(L"g", 1), E_FAIL, failed},
-    };
-    for (const auto& damage : cases)
-    {
-        SCOPED_TRACE(damage.message);
-        Replace(L"1/0", damage.bytes);
-        TraceCapture trace;
-        Fetch(kMembers, L"g", damage.result);
-        EXPECT_TRUE(trace.Contains(damage.message)) << trace.Text();
-        Fetch(kValues, L"g", damage.result);
-    }
-    Replace(L"1/0", ByteBuilder().Header(L"g", 1).U32(0x1234).U32(0xFFFFFFFF));
-    BYTE id = 0;
-    EXPECT_EQ(S_OK, GroupId(L"g", &id));
-    EXPECT_EQ(0x34, id);
 }

@@ -1,18 +1,12 @@
 // Parameter streams and the value encoding: the file of the independent byte
-// check, every VARTYPE there and back, persisted objects, values that have no
-// stored form, and damaged streams.
+// check, every VARTYPE there and back, persisted objects and values that have
+// no stored form.
 #include <olectl.h>
 #include "TestSupport.h"
 
 namespace
 {
 using ParameterStreams = InstanceSession;
-
-// A stream of p: header and flags, then the rest as given.
-ByteBuilder Record(DWORD version = 1, DWORD kind = 2, const wchar_t* name = L"p")
-{
-    return ByteBuilder().Header(name, kind, version).U32(0).U32(0).U32(0).U32(0);
-}
 
 // Built in place: a copy through the platform's VariantCopy may turn a null string into an empty one.
 template <class T>
@@ -145,53 +139,4 @@ TEST_F(ParameterStreams, ValuesWithoutAStoredFormAreRefused)
     EXPECT_EQ(E_NOINTERFACE, Define(L"object", _variant_t(static_cast<IUnknown*>(notPersistable.Get()))));
     EXPECT_EQ(3u, trace.Count("FbInstanceData::WritePara() CStreamTool::Write(value) failed\n")) << trace.Text();
     EXPECT_EQ(1u, trace.Count("FbInstanceData::WritePara() CStreamTool::Write(default value) failed\n"));
-}
-
-// Parameter streams and the stream name map damaged through the root: each
-// gives its stated result and message, never a crash, a hang or an
-// allocation for a count the stream cannot back.
-TEST_F(ParameterStreams, DamagedStreamsGiveTheirErrorAndMessage)
-{
-    const char* valueFailed = "FbInstanceData::ReadPara() ReadFromStream(value) failed\n";
-    const char* failed = ": error 0x80004005: ";
-    const struct
-    {
-        const wchar_t* stream;
-        Bytes bytes;
-        HRESULT result;
-        const char* message;
-    } cases[] = {
-        {L"1/0", Record(2), E_FAIL, "FbInstanceData::ReadPara invalid version\n"},
-        {L"1/0", Record(1, 1), static_cast<HRESULT>(0x80043006), "FbInstanceData::ReadPara stream isn't a group\n"},
-        {L"1/0", Record(1, 2, L"q").U16(VT_I4).U32(5), E_FAIL, ": internal error 0xaa: "},
-        {L"1/0", ByteBuilder().U32(1).U32(2).U32(0x7FFFFFF0), E_FAIL, failed},
-        {L"1/0", Record(), E_FAIL, valueFailed},
-        {L"1/0", Record().U16(VT_BSTR).U32(7).Str(L"abc"), E_FAIL, valueFailed},
-        {L"1/0", Record().U16(VT_I8).Str(L"abc"), DISP_E_TYPEMISMATCH, valueFailed},
-        // The value alone still reads; the whole record does not.
-        {L"1/0", Record().U16(VT_I4).U32(5).U16(VT_BSTR).U32(0x40000000), S_OK,
-         "FbInstanceData::ReadPara() ReadFromStream(default value) failed\n"},
-        {L"1/0", Record().U16(VT_I4).U32(5).U16(VT_EMPTY).Str(L"").U32(1).U32(2).U32(3), S_OK, failed},
-        // The stream name map: version, next stream number, count, then name, kind and number per entry.
-        {L"1/map", ByteBuilder().U32(2).U32(1).U32(1).Str(L"p").U32(2).U32(0), E_FAIL,
-         "FbInstanceData::ReadStreamNameMap invalid version\n"},
-        {L"1/map", ByteBuilder().U32(1).U32(1).U32(0x7FFFFFFF).Str(L"p").U32(2).U32(0), E_FAIL, failed},
-        {L"1/map", ByteBuilder().U32(1).U32(1).U32(1).U32(0x7FFFFFF0), E_FAIL, failed},
-        {L"1/map", Bytes(), E_FAIL, failed},
-    };
-    ASSERT_EQ(S_OK, Define(L"p", _variant_t(5L)));
-    for (const auto& damage : cases)
-    {
-        SCOPED_TRACE(testing::Message() << &damage - cases);
-        const Bytes original = Stream(damage.stream);
-        Replace(damage.stream, damage.bytes);
-        TraceCapture trace;
-        Read(L"p", damage.result);
-        ComPtr<IFdtParameter> info;
-        EXPECT_TRUE(FAILED(Store()->ReadParameterInfo(nullptr, m_id, _bstr_t(L"p"), info.GetAddressOf())));
-        EXPECT_FALSE(info);
-        EXPECT_TRUE(trace.Contains(damage.message)) << trace.Text();
-        Replace(damage.stream, original);
-    }
-    EXPECT_EQ(_variant_t(5L), Read(L"p"));
 }

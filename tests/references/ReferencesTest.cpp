@@ -91,32 +91,3 @@ TEST_F(References, ReferencesToMissingInstances)
     EXPECT_EQ(STG_E_FILENOTFOUND, Store()->GetSuperInstanceData(nullptr, _bstr_t(L"42"), super.GetAddressOf()));
     EXPECT_FALSE(super);
 }
-
-TEST_F(References, DamagedReferencesGiveAnError)
-{
-    // Lock count 1, super "3" by "Q", one sub "2" by "P"; the count after 24 bytes.
-    const Bytes valid = ByteBuilder().U32(1).U32(1).Str(L"3").Str(L"Q").U32(1).Str(L"2").Str(L"P");
-    Bytes damaged[4] = {valid, valid, valid, valid};
-    damaged[0][24] = 2;                                                 // more entries than follow
-    std::fill(damaged[1].begin() + 24, damaged[1].begin() + 28, 0xFF);   // 4294967295 entries
-    damaged[2].resize(damaged[2].size() - 3);                           // the last name cut short
-    damaged[3][28] = 3;                                                 // odd byte count of a name
-    for (const Bytes& bytes : damaged)
-    {
-        Replace(L"1/instance", bytes);
-        TraceCapture trace;
-        SAFEARRAY* list = nullptr;
-        EXPECT_EQ(E_FAIL, Store()->GetSubInstanceData(nullptr, kOne, &list));
-        EXPECT_EQ(nullptr, list);
-        EXPECT_TRUE(trace.Contains(": error 0x80004005: ")) << trace.Text();
-        ComPtr<IFdtInstanceDataRef> super;
-        EXPECT_EQ(E_FAIL, Store()->GetSuperInstanceData(nullptr, kOne, super.GetAddressOf()));
-        EXPECT_EQ(E_FAIL, Add(kOne, kP, kThree));
-        EXPECT_EQ(E_FAIL, Remove(kOne, kP, kTwo));
-        // The head is whole: locks work, and only they touch the stream.
-        EXPECT_EQ(S_OK, Store()->LockInstance(nullptr, kOne));
-        Bytes locked = bytes;
-        locked[4] = 2;
-        EXPECT_EQ(locked, Stream(L"1/instance"));
-    }
-}
