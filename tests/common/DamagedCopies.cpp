@@ -1,33 +1,23 @@
 #include "DamagedCopies.h"
-#include <ole2.h>
-#include <wrl/client.h>
-#include <algorithm>
+#include <fstream>
+#include <map>
 #include <random>
-#include <vector>
-
-using Microsoft::WRL::ComPtr;
+#include "TestSupport.h"
 
 namespace damaged_copies
 {
 namespace
 {
-typedef std::string Bytes;
-const DWORD kMode = STGM_READWRITE | STGM_SHARE_EXCLUSIVE;
+typedef std::string Text;
+const DWORD kMode = StoreSession::kMode;
 const DWORD kNothing = 0;   // as the new type of an element: it is destroyed
 
-struct Element
+std::string Narrow(const std::wstring& text)
 {
-    std::wstring parent, name;   // parent "" for the root, "2" for an instance storage
-    DWORD type;
-    std::wstring Full() const { return parent.empty() ? name : parent + L"/" + name; }
-    std::string Path() const
-    {
-        const std::wstring full = Full();
-        return std::string(full.begin(), full.end());
-    }
-};
+    return std::string(text.begin(), text.end());
+}
 
-DWORD Dword(const Bytes& bytes, size_t at)
+DWORD Dword(const Text& bytes, size_t at)
 {
     DWORD value = 0;
     if (at + 4 <= bytes.size())
@@ -35,291 +25,208 @@ DWORD Dword(const Bytes& bytes, size_t at)
     return value;
 }
 
-void SetDword(Bytes& bytes, size_t at, DWORD value)
-{
-    if (at + 4 <= bytes.size())
-        memcpy(&bytes[at], &value, 4);
-}
-
-// A transacted copy, its elements in name order and the randomness of its damage.
+// A transacted copy, the types of its elements by path ("admin", "2/map"), the
+// randomness of its damage and what was done.
 struct Copy
 {
     ComPtr<IStorage> root;
-    std::vector<Element> elements;
+    std::map<std::wstring, DWORD> elements;
     std::mt19937 random;
+    std::string what;
     bool truncate = false;   // the file is cut short after the commit
 
     unsigned Below(size_t bound) { return bound ? static_cast<unsigned>(random() % bound) : 0; }
-
-    ComPtr<IStorage> Storage(const std::wstring& path)
+    HRESULT Open(const wchar_t* file) { return StgOpenStorage(file, nullptr, STGM_TRANSACTED | kMode, nullptr, 0, &root); }
+    ComPtr<IStorage> Storage(const std::wstring& name)   // the root for ""
     {
         ComPtr<IStorage> storage = root;
-        for (size_t start = 0, end; storage && start < path.size(); start = end + 1)
-        {
-            end = std::min(path.find(L'/', start), path.size());
-            ComPtr<IStorage> child;
-            storage->OpenStorage(path.substr(start, end - start).c_str(), nullptr, kMode, nullptr, 0, &child);
-            storage = child;
-        }
+        if (!name.empty())
+            root->OpenStorage(name.c_str(), nullptr, kMode, nullptr, 0, storage.ReleaseAndGetAddressOf());
         return storage;
     }
-    void Walk(const std::wstring& parent)
+    void List(const std::wstring& parent)
     {
         ComPtr<IStorage> storage = Storage(parent);
         ComPtr<IEnumSTATSTG> list;
-        if (!storage || FAILED(storage->EnumElements(0, nullptr, 0, &list)))
-            return;
-        std::vector<Element> found;
-        for (STATSTG item; list->Next(1, &item, nullptr) == S_OK; CoTaskMemFree(item.pwcsName))
-            found.push_back({parent, item.pwcsName, item.type});
-        list.Reset(), storage.Reset();
-        std::sort(found.begin(), found.end(), [](const Element& a, const Element& b) { return a.name < b.name; });
-        for (const Element& element : found)
-        {
-            elements.push_back(element);
-            if (element.type == STGTY_STORAGE)
-                Walk(element.Full());
-        }
+        if (storage && SUCCEEDED(storage->EnumElements(0, nullptr, 0, &list)))
+            for (STATSTG item; list->Next(1, &item, nullptr) == S_OK; CoTaskMemFree(item.pwcsName))
+                elements[parent + (parent.empty() ? L"" : L"/") + item.pwcsName] = item.type;
     }
-    // A random element of the type that passes the filter (any when null).
-    const Element* Pick(DWORD type, bool (*filter)(const Element&) = nullptr)
+    // The path of a random element of the type that passes the filter (any when null).
+    const std::wstring* Pick(DWORD type, bool (*filter)(const std::wstring&) = nullptr)
     {
-        std::vector<const Element*> candidates;
-        for (const Element& element : elements)
-            if (element.type == type && (!filter || filter(element)))
-                candidates.push_back(&element);
+        std::vector<const std::wstring*> candidates;
+        for (const auto& element : elements)
+            if (element.second == type && (!filter || filter(element.first)))
+                candidates.push_back(&element.first);
         return candidates.empty() ? nullptr : candidates[Below(candidates.size())];
     }
-    Bytes Read(const Element& element)
+    Text Read(const std::wstring& path)
     {
-        ComPtr<IStorage> storage = Storage(element.parent);
-        ComPtr<IStream> stream;
-        STATSTG stat = {};
-        ULONG read = 0;
-        if (!storage || FAILED(storage->OpenStream(element.name.c_str(), nullptr, kMode, 0, &stream)) ||
-            FAILED(stream->Stat(&stat, STATFLAG_NONAME)))
-            return Bytes();
-        Bytes bytes(static_cast<size_t>(stat.cbSize.QuadPart), '\0');
-        stream->Read(&bytes[0], static_cast<ULONG>(bytes.size()), &read);
-        return bytes.substr(0, read);
+        const Bytes bytes = ReadStream(root.Get(), path.c_str());
+        return Text(bytes.begin(), bytes.end());
     }
-    // Replaces the element by a stream of bytes, an empty storage or nothing.
-    HRESULT Put(const Element& element, DWORD type, const Bytes& bytes = Bytes())
+    // Replaces the element at path by a stream of bytes, an empty storage or nothing.
+    HRESULT Put(const std::wstring& path, DWORD type, const Text& bytes = Text())
     {
-        ComPtr<IStorage> storage = Storage(element.parent), made;
+        const size_t slash = path.rfind(L'/');
+        const std::wstring name = path.substr(slash + 1);   // all of it when there is no slash
+        ComPtr<IStorage> storage = Storage(slash == std::wstring::npos ? L"" : path.substr(0, slash)), made;
         ComPtr<IStream> stream;
         if (!storage)
             return STG_E_PATHNOTFOUND;
-        const wchar_t* name = element.name.c_str();
-        HRESULT hr = type == STGTY_STORAGE ? storage->CreateStorage(name, kMode | STGM_CREATE, 0, 0, &made)
-                     : type == STGTY_STREAM ? storage->CreateStream(name, kMode | STGM_CREATE, 0, 0, &stream)
-                                                 : storage->DestroyElement(name);
+        HRESULT hr = type == STGTY_STORAGE ? storage->CreateStorage(name.c_str(), kMode | STGM_CREATE, 0, 0, &made)
+                     : type == STGTY_STREAM ? storage->CreateStream(name.c_str(), kMode | STGM_CREATE, 0, 0, &stream)
+                                            : storage->DestroyElement(name.c_str());
         if (SUCCEEDED(hr) && stream && !bytes.empty())
             hr = stream->Write(bytes.data(), static_cast<ULONG>(bytes.size()), nullptr);
         stream.Reset(), made.Reset();
         return SUCCEEDED(hr) ? storage->Commit(STGC_DEFAULT) : hr;
     }
+    // Sets the double word at at (npos: none was found) and says so; false when bytes end before it.
+    bool Set(Text& bytes, size_t at, DWORD value)
+    {
+        if (at == Text::npos || at + 4 > bytes.size())
+            return false;
+        memcpy(&bytes[at], &value, 4);
+        what += " " + std::to_string(at) + " := " + std::to_string(value);
+        return true;
+    }
+    // A random position of a double word in bytes that passes the test; npos when there is none.
+    template <class Test>
+    size_t PickAt(const Text& bytes, Test test)
+    {
+        std::vector<size_t> found;
+        for (size_t at = 0; at + 4 <= bytes.size(); ++at)
+            if (test(at, Dword(bytes, at)))
+                found.push_back(at);
+        return found.empty() ? Text::npos : found[Below(found.size())];
+    }
 };
 
-bool IsElementStream(const Element& element)   // a parameter or group stream: a number inside an instance
-{
-    return !element.parent.empty() && element.name.find_first_not_of(L"0123456789") == std::wstring::npos;
-}
-bool IsCounter(const Element& element)   // the administration record or a stream name map
-{
-    return element.parent.empty() ? element.name == L"admin" : element.name == L"map";
-}
-
-// A same-size rewrite of one stream's bytes: false when they offer nothing
-// for this kind, otherwise what says what was done.
-typedef bool (*Rewrite)(Copy& copy, Bytes& bytes, std::string& what);
-
-bool FlipBits(Copy& copy, Bytes& bytes, std::string& what)
-{
-    for (unsigned flips = 1 + copy.Below(3); flips && !bytes.empty(); --flips)
-    {
-        const size_t at = copy.Below(bytes.size()), bit = copy.Below(8);
-        bytes[at] ^= static_cast<char>(1u << bit);
-        what += " " + std::to_string(at) + "." + std::to_string(bit);
-    }
-    return !bytes.empty();
-}
-
-// A random position of a double word in bytes that passes the test; npos when there is none.
-template <class Test>
-size_t PickAt(Copy& copy, const Bytes& bytes, Test test)
-{
-    std::vector<size_t> found;
-    for (size_t at = 0; at + 4 <= bytes.size(); ++at)
-        if (test(at, Dword(bytes, at)))
-            found.push_back(at);
-    return found.empty() ? Bytes::npos : found[copy.Below(found.size())];
-}
-
-// Counts and lengths are small numbers in the stream: one of them becomes huge.
-bool HugeCount(Copy& copy, Bytes& bytes, std::string& what)
-{
-    const size_t at = PickAt(copy, bytes, [](size_t, DWORD value) { return value > 0 && value < 4096; });
-    if (at == Bytes::npos)
-        return false;
-    const DWORD huge[] = {0xFFFFFFFF, 0x7FFFFFFF, 0x80000000, 0xFFFFFFFE, 0x10000000,
-                          static_cast<DWORD>(bytes.size() - at - 2), static_cast<DWORD>(bytes.size() - at)};
-    SetDword(bytes, at, huge[copy.Below(sizeof huge / sizeof huge[0])]);
-    what += " " + std::to_string(at) + " := " + std::to_string(Dword(bytes, at));
-    return true;
-}
-
 // The version (at 0) or the kind (at 4) of a stream another than the store writes.
-template <size_t at>
-bool WrongHeader(Copy& copy, Bytes& bytes, std::string& what)
+bool WrongHeader(Copy& copy, Text& bytes, size_t at)
 {
-    const DWORD values[] = {at ? (Dword(bytes, 4) == 1 ? 2u : 1u) : 2u, 0, 3, 0x100, 0xFFFFFFFF};
-    SetDword(bytes, at, values[copy.Below(sizeof values / sizeof values[0])]);
-    what += " := " + std::to_string(Dword(bytes, at));
-    return bytes.size() >= at + 4;
+    const DWORD values[] = {Dword(bytes, at) == 1 ? 2u : 1u, 0, 3, 0x100, 0xFFFFFFFF};
+    return copy.Set(bytes, at, values[copy.Below(std::size(values))]);
 }
 
-// The end of a stream zeroed, or cut off.
-bool LostTail(Copy& copy, Bytes& bytes, std::string& what)
+bool Missing(Copy& copy, DWORD type)
 {
-    if (bytes.size() < 2)
-        return false;
-    const size_t from = 1 + copy.Below(bytes.size() - 1);
-    const bool cut = copy.Below(2);
-    what += (cut ? " cut at " : " zeroed from ") + std::to_string(from);
-    if (cut)
-        bytes.resize(from);
-    else
-        std::fill(bytes.begin() + from, bytes.end(), '\0');
-    return true;
+    const std::wstring* path = copy.Pick(type);
+    copy.what += path ? Narrow(*path) : "";
+    return path && SUCCEEDED(copy.Put(*path, kNothing));
 }
 
-// A stored string: an even byte count, the units and a 0 unit. Its last unit
-// stops being 0, or its count turns odd or one unit short.
-bool Unterminated(Copy& copy, Bytes& bytes, std::string& what)
-{
-    const size_t at = PickAt(copy, bytes, [&](size_t at, DWORD count) {
-        return count >= 2 && !(count & 1) && count < 4096 && count <= bytes.size() - at - 4 &&
-               !bytes[at + 4 + count - 2] && !bytes[at + 4 + count - 1];
-    });
-    if (at == Bytes::npos)
-        return false;
-    const unsigned how = copy.Below(3);
-    if (how)
-        SetDword(bytes, at, Dword(bytes, at) - how);
-    else
-        bytes[at + 4 + Dword(bytes, at) - 2] = 'Z';
-    what += " " + std::to_string(at) + (how ? " count less " + std::to_string(how) : " last unit 'Z'");
-    return true;
-}
-
-// The administration record's next instance number, or a map's next stream
-// number, behind the names in use (down to 0).
-bool LaggingCounter(Copy& copy, Bytes& bytes, std::string& what)
-{
-    SetDword(bytes, 4, copy.Below(Dword(bytes, 4) + 1));
-    what += " next number := " + std::to_string(Dword(bytes, 4));
-    return bytes.size() >= 8;
-}
-
-// Damage of the file itself: a stream rewritten, elements destroyed, added or
-// replaced, the file cut short.
-typedef bool (*Damage)(Copy& copy, std::string& what);
-
-template <Rewrite rewrite, bool (*filter)(const Element&) = nullptr>
-bool RewriteStream(Copy& copy, std::string& what)
-{
-    const Element* element = copy.Pick(STGTY_STREAM, filter);
-    Bytes bytes = element ? copy.Read(*element) : Bytes();
-    if (!element || !rewrite(copy, bytes, what += element->Path()))
-        return false;
-    return SUCCEEDED(copy.Put(*element, STGTY_STREAM, bytes));
-}
-
-template <DWORD type>
-bool Missing(Copy& copy, std::string& what)
-{
-    const Element* element = copy.Pick(type);
-    if (!element)
-        return false;
-    what += element->Path();
-    return SUCCEEDED(copy.Put(*element, kNothing));
-}
-
-// A stream or storage that the store did not write, in the root or in an
-// instance: a number beside the real ones, or another name; a stream holds
-// noise or the content of a real stream.
-bool ExtraElement(Copy& copy, std::string& what)
-{
-    const Element* instance = copy.Pick(STGTY_STORAGE);
-    const wchar_t* names[] = {L"0", L"01", L"7", L"12", L"99", L"x", L"Admin2", L"MAP2"};
-    const Element extra{instance && copy.Below(2) ? instance->Full() : L"", names[copy.Below(8)], kNothing};
-    what += extra.Path();
-    if (copy.Below(3) == 0)
-    {
-        what += " storage";
-        return SUCCEEDED(copy.Put(extra, STGTY_STORAGE));
-    }
-    const Element* model = copy.Pick(STGTY_STREAM);
-    Bytes bytes = model && copy.Below(2) ? copy.Read(*model) : Bytes(copy.Below(64), '\0');
-    for (char& byte : bytes)
-        byte = model && copy.random() % 2 ? byte : static_cast<char>(copy.random());
-    what += " stream of " + std::to_string(bytes.size()) + " bytes";
-    return SUCCEEDED(copy.Put(extra, STGTY_STREAM, bytes));
-}
-
-// Where the store keeps a storage there is a stream, or the other way round.
-bool SwappedType(Copy& copy, std::string& what)
-{
-    const bool storage = copy.Below(2);
-    const Element* element = copy.Pick(storage ? STGTY_STORAGE : STGTY_STREAM);
-    const Element* model = copy.Pick(STGTY_STREAM);
-    if (!element || FAILED(copy.Put(*element, kNothing)))
-        return false;
-    what += element->Path() + (storage ? " is a stream" : " is a storage");
-    return SUCCEEDED(copy.Put(*element, storage ? STGTY_STREAM : STGTY_STORAGE, model ? copy.Read(*model) : Bytes(8, 1)));
-}
-
-bool TruncatedFile(Copy& copy, std::string& what)
-{
-    copy.truncate = true;   // once the file is committed
-    what += "file cut";
-    return true;
-}
-
-const struct
+// Each kind is damage of the file itself, or a rewrite of the bytes of one
+// stream (whose path passes the filter); false when the copy offers nothing
+// for it.
+const struct Kind
 {
     const char* name;
-    Damage damage;
+    bool (*damage)(Copy& copy);
+    bool (*rewrite)(Copy& copy, Text& bytes);
+    bool (*filter)(const std::wstring& path);
 } kKinds[] = {
-    {"bit flips", RewriteStream<FlipBits>},
-    {"huge count", RewriteStream<HugeCount>},
-    {"wrong version", RewriteStream<WrongHeader<0>>},
-    {"wrong kind", RewriteStream<WrongHeader<4>, IsElementStream>},
-    {"lost tail", RewriteStream<LostTail>},
-    {"unterminated string", RewriteStream<Unterminated>},
-    {"lagging counter", RewriteStream<LaggingCounter, IsCounter>},
-    {"missing stream", Missing<STGTY_STREAM>},
-    {"missing storage", Missing<STGTY_STORAGE>},
-    {"extra element", ExtraElement},
-    {"stream for storage", SwappedType},
-    {"truncated file", TruncatedFile},
+    {"bit flips", nullptr,
+     [](Copy& copy, Text& bytes) {
+         for (unsigned flips = 1 + copy.Below(3); flips && !bytes.empty(); --flips)
+         {
+             const size_t at = copy.Below(bytes.size()), bit = copy.Below(8);
+             bytes[at] ^= static_cast<char>(1u << bit);
+             copy.what += " " + std::to_string(at) + "." + std::to_string(bit);
+         }
+         return !bytes.empty();
+     }},
+    // Counts and lengths are small numbers in the stream: one of them becomes huge.
+    {"huge count", nullptr,
+     [](Copy& copy, Text& bytes) {
+         const size_t at = copy.PickAt(bytes, [](size_t, DWORD value) { return value > 0 && value < 4096; });
+         const DWORD huge[] = {0xFFFFFFFF, 0x7FFFFFFF, 0x80000000, 0xFFFFFFFE, 0x10000000,
+                               static_cast<DWORD>(bytes.size() - at - 2), static_cast<DWORD>(bytes.size() - at)};
+         return copy.Set(bytes, at, huge[copy.Below(std::size(huge))]);
+     }},
+    {"wrong version", nullptr, [](Copy& copy, Text& bytes) { return WrongHeader(copy, bytes, 0); }},
+    // Of a parameter or group stream: a number inside an instance.
+    {"wrong kind", nullptr, [](Copy& copy, Text& bytes) { return WrongHeader(copy, bytes, 4); },
+     [](const std::wstring& path) { return path.find_first_not_of(L"0123456789", path.find(L'/') + 1) == path.npos; }},
+    // The end of a stream zeroed, or cut off.
+    {"lost tail", nullptr,
+     [](Copy& copy, Text& bytes) {
+         if (bytes.size() < 2)
+             return false;
+         const size_t from = 1 + copy.Below(bytes.size() - 1);
+         const bool cut = copy.Below(2);
+         copy.what += (cut ? " cut at " : " zeroed from ") + std::to_string(from);
+         std::fill(bytes.begin() + from, bytes.end(), '\0');
+         bytes.resize(cut ? from : bytes.size());
+         return true;
+     }},
+    // A stored string (an even byte count, the units and a 0 unit): its last
+    // unit stops being 0, or its count turns odd or one unit short.
+    {"unterminated string", nullptr,
+     [](Copy& copy, Text& bytes) {
+         const size_t at = copy.PickAt(bytes, [&](size_t at, DWORD count) {
+             return count >= 2 && !(count & 1) && count < 4096 && count <= bytes.size() - at - 4 &&
+                    !bytes[at + 4 + count - 2] && !bytes[at + 4 + count - 1];
+         });
+         const unsigned how = copy.Below(3);
+         if (at == Text::npos || how)
+             return copy.Set(bytes, at, Dword(bytes, at) - how);
+         bytes[at + 4 + Dword(bytes, at) - 2] = 'Z';
+         copy.what += " " + std::to_string(at) + " last unit 'Z'";
+         return true;
+     }},
+    // The administration record's next instance number, or a map's next stream
+    // number, behind the names in use (down to 0).
+    {"lagging counter", nullptr,
+     [](Copy& copy, Text& bytes) { return copy.Set(bytes, 4, copy.Below(Dword(bytes, 4) + 1)); },
+     [](const std::wstring& path) { return path == L"admin" || path.find(L"/map") != path.npos; }},
+    {"missing stream", [](Copy& copy) { return Missing(copy, STGTY_STREAM); }},
+    {"missing storage", [](Copy& copy) { return Missing(copy, STGTY_STORAGE); }},
+    // A stream or storage that the store did not write, in the root or in an
+    // instance: a number beside the real ones, or another name; a stream holds
+    // noise, or the content of a real stream partly overwritten with noise.
+    {"extra element",
+     [](Copy& copy) {
+         const std::wstring* instance = copy.Pick(STGTY_STORAGE);
+         const std::wstring parent = instance && copy.Below(2) ? *instance + L"/" : L"";
+         const wchar_t* names[] = {L"0", L"01", L"7", L"12", L"99", L"x", L"Admin2", L"MAP2"};
+         const std::wstring path = parent + names[copy.Below(std::size(names))];
+         const DWORD type = copy.Below(3) ? STGTY_STREAM : STGTY_STORAGE;
+         const std::wstring* model = copy.Pick(STGTY_STREAM);
+         Text bytes = model && copy.Below(2) ? copy.Read(*model) : Text(copy.Below(64), '\0');
+         for (char& byte : bytes)
+             byte = model && copy.random() % 2 ? byte : static_cast<char>(copy.random());
+         copy.what += Narrow(path) + (type == STGTY_STORAGE ? " storage" : " stream");
+         return SUCCEEDED(copy.Put(path, type, bytes));
+     }},
+    // Where the store keeps a storage there is a stream, or the other way round.
+    {"stream for storage",
+     [](Copy& copy) {
+         const bool storage = copy.Below(2);
+         const std::wstring* path = copy.Pick(storage ? STGTY_STORAGE : STGTY_STREAM);
+         const std::wstring* model = copy.Pick(STGTY_STREAM);
+         if (!path || FAILED(copy.Put(*path, kNothing)))
+             return false;
+         copy.what += Narrow(*path) + (storage ? " is a stream" : " is a storage");
+         const Text bytes = model ? copy.Read(*model) : Text(8, 1);
+         return SUCCEEDED(copy.Put(*path, storage ? STGTY_STREAM : STGTY_STORAGE, bytes));
+     }},
+    {"truncated file", [](Copy& copy) { return copy.truncate = true; }},
 };
 const size_t kKindCount = sizeof kKinds / sizeof kKinds[0];
 
-// Mostly at a sector boundary, as a lost write leaves a file; sometimes anywhere.
-HRESULT Truncate(const wchar_t* path, Copy& copy, std::string& what)
+bool Apply(Copy& copy, const Kind& kind)
 {
-    HANDLE file = CreateFileW(path, GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, 0, nullptr);
-    LARGE_INTEGER size = {}, at = {};
-    if (file == INVALID_HANDLE_VALUE)
-        return HRESULT_FROM_WIN32(GetLastError());
-    GetFileSizeEx(file, &size);
-    at.QuadPart = copy.Below(static_cast<size_t>(size.QuadPart)) & (copy.Below(4) ? ~LONGLONG(511) : ~LONGLONG(0));
-    what += " to " + std::to_string(at.QuadPart) + " of " + std::to_string(size.QuadPart);
-    const bool cut = SetFilePointerEx(file, at, nullptr, FILE_BEGIN) && SetEndOfFile(file);
-    CloseHandle(file);
-    return cut ? S_OK : E_FAIL;
+    if (kind.damage)
+        return kind.damage(copy);
+    const std::wstring* path = copy.Pick(STGTY_STREAM, kind.filter);
+    if (!path)
+        return false;
+    copy.what += Narrow(*path);
+    Text bytes = copy.Read(*path);
+    return kind.rewrite(copy, bytes) && SUCCEEDED(copy.Put(*path, STGTY_STREAM, bytes));
 }
 }  // namespace
 
@@ -330,38 +237,46 @@ size_t DamageKindCount()
 
 HRESULT MakeDamagedCopy(const wchar_t* source, const wchar_t* target, unsigned seed, std::string& description)
 {
-    if (!CopyFileW(source, target, FALSE))
-        return HRESULT_FROM_WIN32(GetLastError());
     Copy copy;
     copy.random.seed(seed / kKindCount * 2654435761u + 17);
-    HRESULT hr = StgOpenStorage(target, nullptr, STGM_TRANSACTED | kMode, nullptr, 0, &copy.root);
+    HRESULT hr = CopyFileW(source, target, FALSE) ? copy.Open(target) : HRESULT_FROM_WIN32(GetLastError());
     if (FAILED(hr))
         return hr;
-    copy.Walk(L"");
-    const char* kind = kKinds[seed % kKindCount].name;
-    description = std::string(kind) + ": ";
-    if (!kKinds[seed % kKindCount].damage(copy, description))
+    copy.List(L"");
+    for (const auto& element : copy.elements)   // an instance's elements come right after it
+        if (element.second == STGTY_STORAGE)
+            copy.List(element.first);
+    const Kind& kind = kKinds[seed % kKindCount];
+    copy.what = std::string(kind.name) + ": ";
+    if (!Apply(copy, kind))
     {
-        description = std::string(kind) + " found nothing; bit flips: ";
-        if (!RewriteStream<FlipBits>(copy, description))
+        copy.what = std::string(kind.name) + " found nothing; bit flips: ";
+        if (!Apply(copy, kKinds[0]))
             return E_FAIL;
     }
     hr = copy.root->Commit(STGC_DEFAULT);
     copy.root.Reset();
-    return SUCCEEDED(hr) && copy.truncate ? Truncate(target, copy, description) : hr;
+    if (SUCCEEDED(hr) && copy.truncate)   // mostly at a sector boundary, as a lost write leaves a file
+    {
+        const std::string whole = FileText(target);
+        size_t at = copy.Below(whole.size());
+        at &= copy.Below(4) ? ~size_t(511) : ~size_t(0);
+        copy.what += "cut to " + std::to_string(at) + " of " + std::to_string(whole.size());
+        hr = std::ofstream(target, std::ios::binary).write(whole.data(), at) ? S_OK : E_FAIL;
+    }
+    description = copy.what;
+    return hr;
 }
 
-HRESULT ChangeStream(const wchar_t* file, const std::wstring& path, const std::function<void(Bytes&)>& change)
+HRESULT ChangeStream(const wchar_t* file, const std::wstring& path, const std::function<void(Text&)>& change)
 {
     Copy copy;
-    const size_t slash = path.rfind(L'/');
-    const Element stream{slash == std::wstring::npos ? L"" : path.substr(0, slash), path.substr(slash + 1), kNothing};
-    HRESULT hr = StgOpenStorage(file, nullptr, STGM_TRANSACTED | kMode, nullptr, 0, &copy.root);
-    Bytes bytes = SUCCEEDED(hr) ? copy.Read(stream) : Bytes();
+    HRESULT hr = copy.Open(file);
+    Text bytes = SUCCEEDED(hr) ? copy.Read(path) : Text();
     if (SUCCEEDED(hr) && change)
         change(bytes);
     if (SUCCEEDED(hr))
-        hr = copy.Put(stream, change ? DWORD(STGTY_STREAM) : kNothing, bytes);
+        hr = copy.Put(path, change ? DWORD(STGTY_STREAM) : kNothing, bytes);
     return SUCCEEDED(hr) ? copy.root->Commit(STGC_DEFAULT) : hr;
 }
 }  // namespace damaged_copies

@@ -4,7 +4,7 @@
 // tree and truncation of the file. A seed picks the damage: seed %
 // DamageKindCount() is the kind, the rest its details, so a campaign walks
 // through many variants and any one of them can be made again.
-// Needs COM initialised on the calling thread; links ole32 only.
+// Needs COM initialised on the calling thread and TestSupport.
 #include <windows.h>
 #include <functional>
 #include <string>

@@ -12,34 +12,25 @@ namespace
 {
 constexpr int kThreads = 4, kRounds = 12, kParameters = 5;
 
-// What went wrong on one thread: the number of failed checks, the first described.
+// The checks that failed on one thread.
 struct Outcome
 {
-    int failures = 0;
-    std::string first;
-    void Check(bool ok, const std::string& what)
-    {
-        if (!ok && !failures++)
-            first = what;
-    }
+    std::string failed;
+    void Check(bool ok, const std::string& what) { failed += ok ? "" : what + "; "; }
 };
 
 // Waits for handle, servicing the calls that come to this thread's apartment.
-void WaitPumping(HANDLE handle)
+void WaitPumping(HANDLE handle, DWORD milliseconds = INFINITE)
 {
     DWORD index = 0;
-    CoWaitForMultipleHandles(0, INFINITE, 1, &handle, &index);
+    CoWaitForMultipleHandles(0, milliseconds, 1, &handle, &index);
 }
 
-class Event
+struct Event
 {
-public:
-    Event() : m_handle(CreateEventW(nullptr, TRUE, FALSE, nullptr)) {}
-    ~Event() { CloseHandle(m_handle); }
-    operator HANDLE() const { return m_handle; }
-
-private:
-    HANDLE m_handle;
+    HANDLE handle = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+    ~Event() { CloseHandle(handle); }
+    operator HANDLE() const { return handle; }
 };
 
 // Runs work on a thread of its own, in a single-threaded apartment of its own,
@@ -47,10 +38,7 @@ private:
 class Apartment
 {
 public:
-    explicit Apartment(std::function<void()> work)
-        : m_work(std::move(work)), m_thread(CreateThread(nullptr, 0, &Apartment::Run, this, 0, nullptr))
-    {
-    }
+    explicit Apartment(std::function<void()> work) : m_work(std::move(work)) {}
     ~Apartment()
     {
         WaitPumping(m_thread);
@@ -66,7 +54,7 @@ private:
         return 0;
     }
     std::function<void()> m_work;
-    HANDLE m_thread;
+    HANDLE m_thread = CreateThread(nullptr, 0, &Apartment::Run, this, 0, nullptr);
 };
 
 _bstr_t Name(int p)
@@ -91,10 +79,11 @@ bool WrittenBySomeThread(int p, const _variant_t& value)
 }
 
 // A new instance with every parameter described.
-HRESULT NewDescribed(IFbInstanceData* store, _bstr_t& id)
+HRESULT NewDescribed(IFbInstanceData* store, _bstr_t& id, IFdtDtmDescriptor* dtm = nullptr)
 {
-    HRESULT hr = store->Create(nullptr, ComPtr<DtmDescriptor>(new DtmDescriptor).Get(),
-                               ComPtr<CommunicationDescriptor>(new CommunicationDescriptor).Get(), id.GetAddress());
+    ComPtr<IFdtDtmDescriptor> ownDtm = dtm ? dtm : new DtmDescriptor;
+    ComPtr<IFdtCommunicationDescriptor> comm = new CommunicationDescriptor;
+    HRESULT hr = store->Create(nullptr, ownDtm.Get(), comm.Get(), id.GetAddress());
     for (int p = 0; SUCCEEDED(hr) && p < kParameters; ++p)
     {
         ComPtr<IFdtParameter> parameter = new ParameterDescription(Name(p), ValueOf(p, 0, 0));
@@ -111,15 +100,13 @@ void Round(IFbInstanceData* store, BSTR id, bool shared, bool lists, int t, int 
     Names names;
     for (int p = 0; p < kParameters; ++p)
         written.push_back(ValueOf(p, t, r)), names.push_back(Str(Name(p)));
+    Array nameArray{MakeBstrArray(names)}, values{MakeValueArray(written)};
     if (lists)
     {
-        SAFEARRAY* nameArray = MakeBstrArray(names);
-        SAFEARRAY* values = MakeValueArray(written);
-        outcome.Check(store->WriteList(nullptr, id, &nameArray, &values) == S_OK, "WriteList" + where);
-        outcome.Check(store->ReadList(nullptr, id, &nameArray, &values) == S_OK, "ReadList" + where);
-        read = ReadValueArray(values);
+        outcome.Check(store->WriteList(nullptr, id, &nameArray.p, &values.p) == S_OK, "WriteList" + where);
+        outcome.Check(store->ReadList(nullptr, id, &nameArray.p, &values.p) == S_OK, "ReadList" + where);
+        read = ReadValueArray(values.p);
         read.resize(kParameters);
-        SafeArrayDestroy(values), SafeArrayDestroy(nameArray);
     }
     for (int p = 0; !lists && p < kParameters; ++p)
         outcome.Check(store->WriteParameter(nullptr, id, Name(p), written[p]) == S_OK, "WriteParameter" + where);
@@ -183,48 +170,41 @@ using Concurrency = StoreSession;
 // thread itself on its own instance, by some thread on a shared one.
 TEST_F(Concurrency, ManyApartmentsAtOnce)
 {
-    const struct
-    {
-        bool shared;   // all threads on one instance, or each on one it creates
-        bool lists;    // WriteList and ReadList, or single parameters
-    } rows[] = {{false, false}, {false, true}, {true, false}, {true, true}};
-    for (const auto& row : rows)
-    {
-        SCOPED_TRACE(std::string(row.shared ? "shared" : "own") + (row.lists ? " lists" : ""));
-        _bstr_t shared, ids[kThreads];
-        Outcome outcomes[kThreads];
-        if (row.shared)
+    for (const bool shared : {false, true})   // all threads on one instance, or each on one it creates
+        for (const bool lists : {false, true})   // WriteList and ReadList, or single parameters
         {
-            ASSERT_EQ(S_OK, NewDescribed(Store(), shared));
-        }
-        {
-            // Every thread has started and got the store before any goes on.
-            Event ready[kThreads], go;
-            std::vector<std::unique_ptr<Apartment>> apartments;
+            SCOPED_TRACE(std::string(shared ? "shared" : "own") + (lists ? " lists" : ""));
+            _bstr_t sharedId, ids[kThreads];
+            Outcome outcomes[kThreads];
+            ASSERT_TRUE(!shared || NewDescribed(Store(), sharedId) == S_OK);
+            {
+                // Every thread has started and got the store before any goes on.
+                Event ready[kThreads], go;
+                std::vector<std::unique_ptr<Apartment>> apartments;
+                for (int t = 0; t < kThreads; ++t)
+                    apartments.push_back(std::make_unique<Apartment>([&, t] {
+                        ComPtr<IFbInstanceData> store = CreateStore();
+                        SetEvent(ready[t]);
+                        WaitForSingleObject(go, INFINITE);
+                        ids[t] = sharedId;
+                        outcomes[t].Check(store && (shared || NewDescribed(store.Get(), ids[t]) == S_OK), "Create");
+                        for (int r = 0; store && r < kRounds; ++r)
+                            Round(store.Get(), ids[t], shared, lists, t, r, outcomes[t]);
+                    }));
+                for (const Event& started : ready)
+                    WaitPumping(started);
+                SetEvent(go);
+            }
+            std::set<std::wstring> distinct;
             for (int t = 0; t < kThreads; ++t)
-                apartments.push_back(std::make_unique<Apartment>([&, t] {
-                    ComPtr<IFbInstanceData> store = CreateStore();
-                    SetEvent(ready[t]);
-                    WaitForSingleObject(go, INFINITE);
-                    ids[t] = shared;
-                    outcomes[t].Check(store && (row.shared || NewDescribed(store.Get(), ids[t]) == S_OK), "Create");
-                    for (int r = 0; store && r < kRounds; ++r)
-                        Round(store.Get(), ids[t], row.shared, row.lists, t, r, outcomes[t]);
-                }));
-            for (const Event& started : ready)
-                WaitPumping(started);
-            SetEvent(go);
+            {
+                EXPECT_EQ("", outcomes[t].failed);
+                distinct.insert(Str(ids[t]));
+                for (int p = 0; !shared && p < kParameters; ++p)   // the last values stayed in the thread's instance
+                    EXPECT_TRUE(ValueOf(p, t, kRounds - 1) == ReadValue(Store(), ids[t], Name(p))) << t << " P" << p;
+            }
+            EXPECT_EQ(shared ? 1u : size_t(kThreads), distinct.size());
         }
-        std::set<std::wstring> distinct;
-        for (int t = 0; t < kThreads; ++t)
-        {
-            EXPECT_EQ(0, outcomes[t].failures) << outcomes[t].first;
-            distinct.insert(Str(ids[t]));
-            for (int p = 0; !row.shared && p < kParameters; ++p)   // the last values stayed in the thread's instance
-                EXPECT_TRUE(ValueOf(p, t, kRounds - 1) == ReadValue(Store(), ids[t], Name(p))) << "thread " << t << " P" << p;
-        }
-        EXPECT_EQ(row.shared ? 1u : size_t(kThreads), distinct.size());
-    }
 }
 
 // The caller's objects that Create, WriteParameterInfo and WriteParameter read
@@ -242,18 +222,18 @@ TEST_F(Concurrency, CallerObjectsOfAnyApartment)
         Event ready, done;
         ComPtr<IFdtDtmDescriptor> dtm;
         ComPtr<IFdtParameter> parameter;
-        const auto readBack = [&](IFbInstanceData* store) {
-            _variant_t value;
-            outcome.Check(store->ReadParameter(nullptr, busy, Name(1), value.GetAddress()) == S_OK &&
-                              value == ValueOf(1, 0, 0),
-                          "ReadParameter from the caller's object");
-        };
-        const auto makeObjects = [&](const std::function<void()>& onGet, const std::function<void()>& onSave) {
-            auto* descriptor = new DtmDescriptor;
-            auto* info =
-                new ParameterDescription(L"FromCaller", _variant_t(static_cast<IUnknown*>(new CallingBackFont(onSave))));
-            descriptor->device = L"caller's device";
-            descriptor->beforeGet = info->beforeGet = [onGet](const char*) { return onGet(), S_OK; };
+        // Each getter and the value's save read a parameter that no other call changes.
+        const auto makeObjects = [&](IFbInstanceData* store, bool callingBack) {
+            const auto readBack = [&outcome, &busy, store] {
+                _variant_t value;
+                outcome.Check(store->ReadParameter(nullptr, busy, Name(1), value.GetAddress()) == S_OK &&
+                                  value == ValueOf(1, 0, 0),
+                              "ReadParameter from the caller's object");
+            };
+            auto* descriptor = new DtmDescriptor(1, 0, L"caller's device");
+            auto* info = new ParameterDescription(L"FromCaller", static_cast<IUnknown*>(new CallingBackFont(readBack)));
+            if (callingBack)
+                descriptor->beforeGet = info->beforeGet = [readBack](const char*) { return readBack(), S_OK; };
             dtm = descriptor, parameter = info;
         };
         std::unique_ptr<Apartment> other;
@@ -264,24 +244,19 @@ TEST_F(Concurrency, CallerObjectsOfAnyApartment)
             IStream* marshaled[2] = {};
             other = std::make_unique<Apartment>([&] {
                 ComPtr<IFbInstanceData> store = CreateStore();
-                makeObjects([] {}, [&, own = store.Get()] { readBack(own); });
-                outcome.Check(store && SUCCEEDED(CoMarshalInterThreadInterfaceInStream(IID_IFdtDtmDescriptor, dtm.Get(), &marshaled[0])) &&
-                                  SUCCEEDED(CoMarshalInterThreadInterfaceInStream(IID_IFdtParameter, parameter.Get(), &marshaled[1])),
-                              "marshal");
+                makeObjects(store.Get(), false);
+                CoMarshalInterThreadInterfaceInStream(IID_IFdtDtmDescriptor, dtm.Get(), &marshaled[0]);
+                CoMarshalInterThreadInterfaceInStream(IID_IFdtParameter, parameter.Get(), &marshaled[1]);
                 dtm.Reset(), parameter.Reset();
-                DWORD index = 0;
-                for (LONG loop = 0; !outcome.failures; ++loop)
+                for (LONG loop = 0; outcome.failed.empty() && WaitForSingleObject(done, 0) == WAIT_TIMEOUT; ++loop)
                 {
                     _variant_t value;
                     outcome.Check(store->WriteParameter(nullptr, busy, Name(0), _variant_t(loop)) == S_OK &&
                                       store->ReadParameter(nullptr, busy, Name(0), value.GetAddress()) == S_OK &&
                                       value == _variant_t(loop),
                                   "busy apartment's round");
-                    if (!loop)
-                        SetEvent(ready);
-                    HANDLE doneHandle = done;
-                    if (CoWaitForMultipleHandles(0, 0, 1, &doneHandle, &index) != RPC_S_CALLPENDING)
-                        break;
+                    SetEvent(ready);
+                    WaitPumping(done, 0);
                 }
                 SetEvent(ready);
             });
@@ -289,31 +264,30 @@ TEST_F(Concurrency, CallerObjectsOfAnyApartment)
             EXPECT_EQ(S_OK, CoGetInterfaceAndReleaseStream(marshaled[0], IID_PPV_ARGS(&dtm)));
             EXPECT_EQ(S_OK, CoGetInterfaceAndReleaseStream(marshaled[1], IID_PPV_ARGS(&parameter)));
         }
-        else   // each getter and the value's save read a parameter that no other call changes
-            makeObjects([&] { readBack(Store()); }, [&] { readBack(Store()); });
+        else
+            makeObjects(Store(), true);
         if (dtm && parameter)
         {
-            ComPtr<IFdtCommunicationDescriptor> comm = new CommunicationDescriptor;
-            EXPECT_EQ(S_OK, Store()->Create(nullptr, dtm.Get(), comm.Get(), id.GetAddress()));
-            EXPECT_EQ(S_OK, Store()->WriteParameterInfo(nullptr, id, parameter.Get()));
             _variant_t value;
+            EXPECT_EQ(S_OK, NewDescribed(Store(), id, dtm.Get()));
+            EXPECT_EQ(S_OK, Store()->WriteParameterInfo(nullptr, id, parameter.Get()));
             EXPECT_EQ(S_OK, parameter->get_m_value(value.GetAddress()));
             EXPECT_EQ(S_OK, Store()->WriteParameter(nullptr, id, _bstr_t(L"FromCaller"), value));
         }
         dtm.Reset(), parameter.Reset();
         SetEvent(done);
         other.reset();
-        EXPECT_EQ(0, outcome.failures) << outcome.first;
+        EXPECT_EQ("", outcome.failed);
 
         ComPtr<IFdtDescriptor> identification;
         ComPtr<IFdtDtmDescriptor> stored;
         _bstr_t device;
+        ComPtr<IFont> font, given;
         ASSERT_EQ(S_OK, Store()->ReadIdentification(nullptr, id, &identification));
         ASSERT_EQ(S_OK, identification->get_m_dtm(&stored));
         ASSERT_EQ(S_OK, stored->get_m_device(device.GetAddress()));
         EXPECT_EQ(std::wstring(L"caller's device"), Str(device));
         const _variant_t value = ReadValue(Store(), id, _bstr_t(L"FromCaller"));
-        ComPtr<IFont> font, given;
         ASSERT_EQ(VT_UNKNOWN, V_VT(&value));
         ASSERT_EQ(S_OK, V_UNKNOWN(&value)->QueryInterface(IID_IFont, reinterpret_cast<void**>(font.GetAddressOf())));
         ASSERT_EQ(S_OK, MakeFont(IID_IFont, reinterpret_cast<void**>(given.GetAddressOf())));

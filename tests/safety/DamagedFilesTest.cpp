@@ -28,36 +28,35 @@ struct Operation
     std::function<HRESULT(IFbInstanceData*)> run;
 };
 
+typedef IFbInstanceData* S;
 const Operation kOperations[] = {
-    {"Create", {}, nullptr, [](IFbInstanceData* s) { return CreateIn(s); }},
-    {"Duplicate", {}, nullptr, [](IFbInstanceData* s) { _bstr_t id; return s->Duplicate(nullptr, B(L"1"), id.GetAddress()); }},
-    {"WriteParameter", {"1"}, nullptr, [](IFbInstanceData* s) { return s->WriteParameter(nullptr, B(L"1"), B(L"i4"), _variant_t(11L)); }},
-    {"WriteParameterInfo new", {"1"}, nullptr, [](IFbInstanceData* s) { return DefineIn(s, L"1", L"new", L"n"); }},
-    {"WriteParameterInfo existing", {"2"}, nullptr, [](IFbInstanceData* s) { return DefineIn(s, L"2", L"x", 8.5); }},
-    {"WriteParameterInfo failing", {"1"}, nullptr, [](IFbInstanceData* s) { return DefineIn(s, L"1", L"str", NullValue()); }},
-    {"WriteList", {"1"}, nullptr, [](IFbInstanceData* s) {
+    {"Create", {}, nullptr, [](S s) { return CreateIn(s); }},
+    {"Duplicate", {}, nullptr, [](S s) { _bstr_t id; return s->Duplicate(nullptr, B(L"1"), id.GetAddress()); }},
+    {"WriteParameter", {"1"}, nullptr, [](S s) { return s->WriteParameter(nullptr, B(L"1"), B(L"i4"), _variant_t(11L)); }},
+    {"WriteParameterInfo new", {"1"}, nullptr, [](S s) { return DefineIn(s, L"1", L"new", L"n"); }},
+    {"WriteParameterInfo existing", {"2"}, nullptr, [](S s) { return DefineIn(s, L"2", L"x", 8.5); }},
+    {"WriteParameterInfo failing", {"1"}, nullptr, [](S s) { return DefineIn(s, L"1", L"str", NullValue()); }},
+    {"WriteList", {"1"}, nullptr, [](S s) {
          Array names{MakeBstrArray({L"r8", L"str"})}, values{MakeValueArray({3.5, L"list"})};
          return s->WriteList(nullptr, B(L"1"), &names.p, &values.p);
      }},
-    {"WriteGroup", {"2"}, nullptr, [](IFbInstanceData* s) {
-         Array values{MakeValueArray({9L, L"group"})};
-         return s->WriteGroup(nullptr, B(L"2"), B(L"gb"), &values.p);
-     }},
-    {"DefineGroup", {"1"}, nullptr, [](IFbInstanceData* s) { return GroupIn(s, L"1", L"gnew", 9, {L"i4", L"date"}); }},
+    {"WriteGroup", {"2"}, nullptr,
+     [](S s) { Array values{MakeValueArray({9L, L"group"})}; return s->WriteGroup(nullptr, B(L"2"), B(L"gb"), &values.p); }},
+    {"DefineGroup", {"1"}, nullptr, [](S s) { return GroupIn(s, L"1", L"gnew", 9, {L"i4", L"date"}); }},
     // Protect and Release take the same path as Lock and Unlock.
     {"LockParameter", {"2"}, nullptr,
-     [](IFbInstanceData* s) { Array n{MakeBstrArray({L"x"})}; return s->LockParameter(nullptr, B(L"2"), &n.p); }},
+     [](S s) { Array n{MakeBstrArray({L"x"})}; return s->LockParameter(nullptr, B(L"2"), &n.p); }},
     {"UnlockParameter", {"1"}, nullptr,
-     [](IFbInstanceData* s) { Array n{MakeBstrArray({L"i4"})}; return s->UnlockParameter(nullptr, B(L"1"), &n.p); }},
-    {"LockInstance", {"2"}, nullptr, [](IFbInstanceData* s) { return s->LockInstance(nullptr, B(L"2")); }},
-    {"UnlockInstance", {"3"}, nullptr, [](IFbInstanceData* s) { return s->UnlockInstance(nullptr, B(L"3")); }},
+     [](S s) { Array n{MakeBstrArray({L"i4"})}; return s->UnlockParameter(nullptr, B(L"1"), &n.p); }},
+    {"LockInstance", {"2"}, nullptr, [](S s) { return s->LockInstance(nullptr, B(L"2")); }},
+    {"UnlockInstance", {"3"}, nullptr, [](S s) { return s->UnlockInstance(nullptr, B(L"3")); }},
     {"AddInstanceDataReference", {"2", "3"}, nullptr,
-     [](IFbInstanceData* s) { return s->AddInstanceDataReference(nullptr, B(L"2"), B(L"x"), B(L"3")); }},
+     [](S s) { return s->AddInstanceDataReference(nullptr, B(L"2"), B(L"x"), B(L"3")); }},
     {"RemoveInstanceDataReference", {"1", "2"}, nullptr,
-     [](IFbInstanceData* s) { return s->RemoveInstanceDataReference(nullptr, B(L"1"), B(L"i4"), B(L"2")); }},
-    {"DeleteGroup", {"1"}, "g2", [](IFbInstanceData* s) { return s->DeleteGroup(nullptr, B(L"1"), B(L"g2")); }},
-    {"DeleteParameter", {"1"}, "date", [](IFbInstanceData* s) { return s->DeleteParameter(nullptr, B(L"1"), B(L"date")); }},
-    {"Delete", {"3"}, "", [](IFbInstanceData* s) { return s->Delete(nullptr, B(L"3")); }},
+     [](S s) { return s->RemoveInstanceDataReference(nullptr, B(L"1"), B(L"i4"), B(L"2")); }},
+    {"DeleteGroup", {"1"}, "g2", [](S s) { return s->DeleteGroup(nullptr, B(L"1"), B(L"g2")); }},
+    {"DeleteParameter", {"1"}, "date", [](S s) { return s->DeleteParameter(nullptr, B(L"1"), B(L"date")); }},
+    {"Delete", {"3"}, "", [](S s) { return s->Delete(nullptr, B(L"3")); }},
 };
 
 // What changed that the operation had no business changing: a failed one
@@ -87,39 +86,31 @@ void Compare(const Snapshot& before, const Snapshot& after, const Operation& op,
             faults.push_back(std::string("after ") + op.name + ": unknown result of " + entry.first + ": " + entry.second);
 }
 
+// Set as each file begins, and at the end with g_seed kDone.
 const unsigned kDone = ~0u;
+volatile unsigned g_seed = kDone;
+const HANDLE g_progress = CreateEventW(nullptr, FALSE, FALSE, nullptr);
 
 // Ends the program when one file takes longer than a hang could explain.
-DWORD WINAPI Watchdog(void* current)
+DWORD WINAPI Watchdog(void*)
 {
-    for (unsigned last = kDone, stuck = 0;; Sleep(1000))
-    {
-        const unsigned seed = *static_cast<volatile unsigned*>(current);
-        if (seed == kDone)
+    while (WaitForSingleObject(g_progress, Setting("SAFETY_HANG_SECONDS", 300) * 1000) == WAIT_OBJECT_0)
+        if (g_seed == kDone)
             return 0;
-        stuck = seed == last ? stuck + 1 : 0;
-        last = seed;
-        if (stuck > Setting("SAFETY_HANG_SECONDS", 300))
-        {
-            printf("HANG at seed %u\n", seed);
-            fflush(stdout);
-            TerminateProcess(GetCurrentProcess(), 3);
-        }
-    }
+    printf("HANG at seed %u\n", g_seed);
+    fflush(stdout);
+    TerminateProcess(GetCurrentProcess(), 3);
+    return 0;
 }
 
-class DamagedFiles : public StoreSession
-{
-};
+using DamagedFiles = StoreSession;
 }  // namespace
 
 TEST_F(DamagedFiles, EveryOperationOnEachCopy)
 {
     const unsigned first = Setting("SAFETY_DAMAGE_FIRST", 0);
     const unsigned count = Setting("SAFETY_DAMAGE_COUNT", 2 * damaged_copies::DamageKindCount());
-    static volatile unsigned current;
-    current = first;
-    CloseHandle(CreateThread(nullptr, 0, Watchdog, const_cast<unsigned*>(&current), 0, nullptr));
+    CloseHandle(CreateThread(nullptr, 0, Watchdog, nullptr, 0, nullptr));
     const std::wstring model = ModelFile(), copy = Path();
     const auto giveUp = [&] {   // also what the store kept aside
         GiveUp();
@@ -129,7 +120,8 @@ TEST_F(DamagedFiles, EveryOperationOnEachCopy)
     size_t faultyFiles = 0, failedCalls = 0;
     for (unsigned seed = first; seed < first + count; ++seed)
     {
-        current = seed;
+        g_seed = seed;
+        SetEvent(g_progress);
         giveUp();
         std::string description;
         ASSERT_EQ(S_OK, damaged_copies::MakeDamagedCopy(model.c_str(), copy.c_str(), seed, description));
@@ -165,7 +157,8 @@ TEST_F(DamagedFiles, EveryOperationOnEachCopy)
         for (size_t i = 0; i < faults.size() && i < 5; ++i)
             ADD_FAILURE() << "seed " << seed << " (" << description << "): " << faults[i];
     }
-    current = kDone;
+    g_seed = kDone;
+    SetEvent(g_progress);
     giveUp();
     printf("damaged files: %u from seed %u, %zu with faults, %zu failed operations\n", count, first, faultyFiles,
            failedCalls);

@@ -4,8 +4,6 @@
 #include <functional>
 #include <set>
 
-namespace safety
-{
 namespace
 {
 std::string Text(const VARIANT& value, int depth = 0);
@@ -155,13 +153,8 @@ Snapshot Take(IFbInstanceData* store)
 
 HRESULT CreateIn(IFbInstanceData* store, _bstr_t* id, const wchar_t* node)
 {
-    ComPtr<DtmDescriptor> dtm = new DtmDescriptor;
-    ComPtr<CommunicationDescriptor> comm = new CommunicationDescriptor;
-    if (node)
-    {
-        dtm->device = L"device";
-        dtm->node = comm->name = node;
-    }
+    ComPtr<IFdtDtmDescriptor> dtm = new DtmDescriptor(1, 0, node ? L"device" : nullptr, node);
+    ComPtr<IFdtCommunicationDescriptor> comm = new CommunicationDescriptor(1, node);
     _bstr_t made;
     return store->Create(nullptr, dtm.Get(), comm.Get(), (id ? id : &made)->GetAddress());
 }
@@ -215,4 +208,3 @@ const std::wstring& ModelFile()
     EXPECT_EQ(S_OK, root->Commit(STGC_DEFAULT));
     return path;   // the store gives the file up as it goes
 }
-}  // namespace safety

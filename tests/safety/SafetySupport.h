@@ -5,8 +5,6 @@
 #include <string>
 #include "TestSupport.h"
 
-namespace safety
-{
 inline _bstr_t B(const wchar_t* text) { return _bstr_t(text); }
 inline std::string Narrow(const std::wstring& text) { return std::string(text.begin(), text.end()); }
 std::string Hex(HRESULT hr);
@@ -38,6 +36,3 @@ inline HRESULT GroupIn(IFbInstanceData* store, const wchar_t* id, const wchar_t*
     Array list{MakeBstrArray(members)};
     return store->DefineGroup(nullptr, B(id), B(name), groupId, &list.p);
 }
-}  // namespace safety
-
-using namespace safety;
