@@ -1,72 +1,17 @@
-// The parts of the crash report that the end-to-end report of CrashProgram does not reach (message lookup, module
-// enumeration, long pieces, C++ exceptions through a guard), and reports of exceptions made up here.
+// The parts of the crash report that the end-to-end report of CrashProgram does not reach: C++ exceptions
+// through a fault guard, and reports of exceptions made up here.
 #include <gtest/gtest.h>
 #include <windows.h>
-#include <psapi.h>
 #include <cstdio>
 #include <iterator>
 #include <regex>
-#include <set>
 #include <stdexcept>
 #include <string>
 #include <tuple>
-#include "TestMessages.h"
 #include "TestSupport.h"
 #include "diagnostics/ContextCapture.h"
-#include "diagnostics/ExceptionNames.h"
 #include "diagnostics/ExceptionReport.h"
 #include "diagnostics/FaultGuard.h"
-#include "diagnostics/ModuleEnumerator.h"
-#include "diagnostics/ReportWriter.h"
-
-// Codes outside the table of names take the system text: Wine's NTDLL has
-// none, so the lookup is tried on this program's own message table.
-TEST(ExceptionNames, MessageTableLookup)
-{
-    const HMODULE self = GetModuleHandleW(nullptr);
-    const char* text = CExceptionNames::LookupMessage(self, TEST_MESSAGE_WITH_INSERT);
-    EXPECT_STREQ("The test message keeps its insert %1 as it is.\r\n", text);
-    // One shared buffer: a code without text, a message beyond its 512 bytes
-    // and a null module all leave it empty.
-    EXPECT_EQ(text, CExceptionNames::LookupMessage(self, 0xC1230077));
-    EXPECT_STREQ("", text);
-    EXPECT_STREQ("", CExceptionNames::LookupMessage(self, TEST_MESSAGE_TOO_LONG));
-    EXPECT_STREQ("", CExceptionNames::LookupMessage(nullptr, TEST_MESSAGE_WITH_INSERT));
-}
-
-// This platform takes the tool-help way; the process-status functions of the system are the reference.
-TEST(ModuleEnumeration, AllBasesOrTheCountThatIsNeeded)
-{
-    HMODULE listed[256] = {};
-    DWORD bytes = 0;
-    ASSERT_TRUE(K32EnumProcessModules(GetCurrentProcess(), listed, sizeof listed, &bytes));
-    const std::set<HMODULE> expected(listed, listed + bytes / sizeof(HMODULE));
-    const DWORD id = GetCurrentProcessId();
-    DWORD count = 0;
-    ASSERT_TRUE(CModuleEnumerator::Enumerate(id, 0, nullptr, &count)) << GetLastError();
-    EXPECT_EQ(expected.size(), count);
-    HMODULE bases[256] = {};
-    ASSERT_TRUE(CModuleEnumerator::Enumerate(id, count + 4, bases, &count));
-    EXPECT_EQ(expected, std::set<HMODULE>(bases, bases + count));
-
-    // Too few entries: 122, with the count of all and the bases that fit.
-    HMODULE two[2] = {};
-    SetLastError(0);
-    EXPECT_FALSE(CModuleEnumerator::Enumerate(id, 2, two, &count));
-    EXPECT_EQ(DWORD(ERROR_INSUFFICIENT_BUFFER), GetLastError());
-    EXPECT_EQ(expected.size(), count);
-    EXPECT_TRUE(expected.count(two[0]));
-}
-
-TEST(ReportWriter, LongPiecesAreCutNotLostAtErrorLevel)
-{
-    TraceCapture trace;
-    CReportWriter().Write("<%s>", std::string(50000, 'b').c_str());
-    ASSERT_EQ(1u, trace.Lines().size());
-    EXPECT_EQ(CPkTrace::LevelError, trace.Levels()[0]);
-    EXPECT_GT(trace.Lines()[0].size(), 40000u);
-    EXPECT_EQ(0u, trace.Lines()[0].find("<bbb"));
-}
 
 // The report's nested guards, one of them ending in a fault, are in the end-to-end report.
 TEST(FaultGuard, ExceptionsAndDebugNotificationsAreNoFaults)
