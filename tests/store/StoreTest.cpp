@@ -1,6 +1,5 @@
 // The store object and its storage file: opening, creating, handing out the
 // root storage, and the conventions every operation follows.
-#include <functional>
 #include "TestSupport.h"
 
 namespace
@@ -142,74 +141,4 @@ TEST_F(StoreFile, ErrorInfoAndDispatch)
                                     result.GetAddress(), nullptr, nullptr));
     ASSERT_EQ(VT_ARRAY | VT_BSTR, V_VT(&result));
     EXPECT_EQ(Names{L"1"}, ReadBstrArray(V_ARRAY(&result)));
-}
-
-namespace
-{
-// The platform's compound-file streams share one method table: while counting,
-// its Read and Write slots point at counters.
-using ReadCall = HRESULT(STDMETHODCALLTYPE*)(IStream*, void*, ULONG, ULONG*);
-using WriteCall = HRESULT(STDMETHODCALLTYPE*)(IStream*, const void*, ULONG, ULONG*);
-ReadCall g_read;
-WriteCall g_write;
-int g_reads, g_writes;
-HRESULT STDMETHODCALLTYPE CountedRead(IStream* s, void* p, ULONG n, ULONG* done)
-{
-    return ++g_reads, g_read(s, p, n, done);
-}
-HRESULT STDMETHODCALLTYPE CountedWrite(IStream* s, const void* p, ULONG n, ULONG* done)
-{
-    return ++g_writes, g_write(s, p, n, done);
-}
-void CountStreamCalls(IStream* sample, bool on)
-{
-    void** table = *reinterpret_cast<void***>(sample);
-    DWORD protection = 0;
-    VirtualProtect(table + 3, 2 * sizeof(void*), PAGE_READWRITE, &protection);
-    if (on)
-        g_read = reinterpret_cast<ReadCall>(table[3]), g_write = reinterpret_cast<WriteCall>(table[4]);
-    table[3] = on ? reinterpret_cast<void*>(&CountedRead) : reinterpret_cast<void*>(g_read);
-    table[4] = on ? reinterpret_cast<void*>(&CountedWrite) : reinterpret_cast<void*>(g_write);
-    VirtualProtect(table + 3, 2 * sizeof(void*), protection, &protection);
-}
-}  // namespace
-
-// Each record is read with one call and written with one: a record read or
-// written field by field costs as many stream calls as it has fields.
-TEST_F(StoreFile, OneStreamCallPerRecord)
-{
-    ASSERT_EQ(L"1", NewInstance());
-    ASSERT_EQ(S_OK, Define(L"a", _variant_t(1L)));
-    ASSERT_EQ(S_OK, Define(L"b", BstrValue(L"two")));
-    SAFEARRAY* members = MakeBstrArray({L"a", L"b"});
-    ASSERT_EQ(S_OK, Store()->DefineGroup(nullptr, m_id, _bstr_t(L"g"), 1, &members));
-    int round = 0;
-    const struct
-    {
-        const char* operation;
-        std::function<HRESULT(SAFEARRAY**)> call;   // twice: the second call is counted
-        int reads, writes;
-    } rows[] = {
-        {"ReadParameter", [&](SAFEARRAY**) { return Read(L"a"), S_OK; }, 1, 0},
-        {"WriteParameter", [&](SAFEARRAY**) { return Write(L"a", _variant_t(long(++round))); }, 1, 1},
-        {"ReadList", [&](SAFEARRAY** out) { return Store()->ReadList(nullptr, m_id, &members, out); }, 2, 0},
-        {"ReadGroup", [&](SAFEARRAY** out) { return Store()->ReadGroup(nullptr, m_id, _bstr_t(L"g"), out); }, 3, 0},
-        {"WriteParameterInfo", [&](SAFEARRAY**) { return Define(std::to_wstring(++round).c_str(), 1L); }, 0, 2},
-        {"Create", [&](SAFEARRAY**) { return NewInstance().empty() ? E_FAIL : S_OK; }, 1, 5},
-    };
-    ComPtr<IStream> sample;
-    ASSERT_EQ(S_OK, Root()->CreateStream(L"sample", kMode, 0, 0, &sample));
-    for (const auto& row : rows)
-    {
-        SAFEARRAY* out[2] = {};
-        ASSERT_EQ(S_OK, row.call(&out[0])) << row.operation;
-        CountStreamCalls(sample.Get(), true);
-        g_reads = g_writes = 0;
-        EXPECT_EQ(S_OK, row.call(&out[1])) << row.operation;
-        CountStreamCalls(sample.Get(), false);
-        EXPECT_EQ(row.reads, g_reads) << row.operation << " reads";
-        EXPECT_EQ(row.writes, g_writes) << row.operation << " writes";
-        SafeArrayDestroy(out[0]), SafeArrayDestroy(out[1]);
-    }
-    SafeArrayDestroy(members);
 }
