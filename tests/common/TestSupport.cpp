@@ -1,5 +1,6 @@
 #include "TestSupport.h"
 #include <algorithm>
+#include <cstdio>
 #include <fstream>
 #include <iterator>
 
@@ -372,4 +373,58 @@ Names StoreSession::All(HRESULT (STDMETHODCALLTYPE IFbInstanceData::*list)(IFdtC
     EXPECT_TRUE(result.empty() || (SUCCEEDED(SafeArrayGetLBound(names, 1, &lower)) && lower == 0));
     SafeArrayDestroy(names);
     return result;
+}
+
+std::string Hex(HRESULT hr)
+{
+    char text[16];
+    snprintf(text, sizeof text, "0x%08lx", static_cast<unsigned long>(hr));
+    return text;
+}
+
+std::string Describe(IUnknown* object, int depth)
+{
+    ComPtr<IDispatch> dispatch;
+    ComPtr<ITypeInfo> info;
+    TYPEATTR* type = nullptr;
+    if (!object || depth > 1 || FAILED(object->QueryInterface(IID_PPV_ARGS(&dispatch))) ||
+        FAILED(dispatch->GetTypeInfo(0, 0, &info)) || FAILED(info->GetTypeAttr(&type)))
+        return object ? "object" : "none";
+    std::string text = "{";
+    for (UINT i = 0; i < type->cFuncs; ++i)
+    {
+        FUNCDESC* function = nullptr;
+        if (FAILED(info->GetFuncDesc(i, &function)))
+            continue;
+        if (function->invkind == INVOKE_PROPERTYGET && function->cParams == 0)
+        {
+            DISPPARAMS none = {};
+            _variant_t value;
+            const HRESULT hr = dispatch->Invoke(function->memid, IID_NULL, 0, DISPATCH_PROPERTYGET, &none, &value,
+                                                nullptr, nullptr);
+            text += (FAILED(hr) ? "!" + Hex(hr) : Text(value, depth + 1)) + " ";
+        }
+        info->ReleaseFuncDesc(function);
+    }
+    info->ReleaseTypeAttr(type);
+    return text + "}";
+}
+
+std::string Text(const VARIANT& value, int depth)
+{
+    const std::string vt = std::to_string(V_VT(&value)) + ":";
+    _variant_t text;
+    if (V_VT(&value) == VT_DISPATCH || V_VT(&value) == VT_UNKNOWN)
+        return vt + Describe(V_UNKNOWN(&value), depth);
+    if (FAILED(VariantChangeType(&text, const_cast<VARIANT*>(&value), VARIANT_ALPHABOOL, VT_BSTR)))
+        return vt + "?";
+    return vt + Narrow(Str(V_BSTR(&text)));
+}
+
+std::string Items(SAFEARRAY* array)
+{
+    std::string text;
+    for (const _variant_t& item : ReadValueArray(array))
+        text += Text(item) + ",";
+    return text;
 }

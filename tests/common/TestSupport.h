@@ -115,6 +115,15 @@ _variant_t NullValue();
 void ExpectSame(const _variant_t& expected, const _variant_t& actual);
 // A string result as text; null gives "".
 std::wstring Str(const _bstr_t& value);
+inline std::string Narrow(const std::wstring& text) { return std::string(text.begin(), text.end()); }
+std::string Hex(HRESULT hr);   // "0x80004005"
+// A value as "<VARTYPE>:<text>"; an object described.
+std::string Text(const VARIANT& value, int depth = 0);
+// Every property of a data object, read late-bound through its type
+// information ("{3:1 8:text {...} }"); "none" for null, "object" below two levels.
+std::string Describe(IUnknown* object, int depth = 0);
+// The items of an array, each as Text and a comma.
+std::string Items(SAFEARRAY* array);
 
 // Sub-instance references of id as "id:parameter ..." (always a one-dimensional
 // array of objects from 0), then "^" and the super reference "id:parameter".

@@ -1,40 +1,30 @@
 // Instances: creation from descriptors of any implementation, numbering,
 // identifiers, the cached instance storage, duplicating and locking.
-#include <cwchar>
 #include <functional>
 #include "TestSupport.h"
 
 namespace
 {
 const _bstr_t kOne(L"1"), kTwo(L"2"), kP(L"P"), kQ(L"Q");
-const std::wstring kDefaults = L"1,0,,,20001fe,400;1,;DVL/QTS-WMR-VQ_INSTANCEDATA";
 
 using Instances = StoreSession;
 
-// The identification of id as "dtm;communication;instance data": category,
-// classification, device, node, application and language (hex); category and
-// name; name.
-std::wstring Identify(IFbInstanceData* store, const wchar_t* id)
+// The identification of id, every property late-bound: the DTM descriptor
+// (category, classification, device, node, application, language), the
+// instance data's name, the communication descriptor (category, name).
+std::string Identify(IFbInstanceData* store, const wchar_t* id)
 {
     ComPtr<IFdtDescriptor> descriptor;
-    ComPtr<IFdtDtmDescriptor> dtm;
-    ComPtr<IFdtCommunicationDescriptor> comm;
-    ComPtr<IFdtInstanceDataDescriptor> data;
     EXPECT_EQ(S_OK, store->ReadIdentification(nullptr, _bstr_t(id), &descriptor));
-    if (!descriptor || FAILED(descriptor->get_m_dtm(&dtm)) || FAILED(descriptor->get_m_communication(&comm)) ||
-        FAILED(descriptor->get_m_instanceData(&data)))
-        return L"<none>";
-    BYTE category = 0, commCategory = 0;
-    LONG classification = 0, application = 0, language = 0;
-    _bstr_t device, node, commName, name;
-    dtm->get_m_category(&category), dtm->get_m_classification(&classification), dtm->get_m_device(device.GetAddress());
-    dtm->get_m_node(node.GetAddress()), dtm->get_m_application(&application), dtm->get_m_language(&language);
-    comm->get_m_category(&commCategory), comm->get_m_name(commName.GetAddress()), data->get_m_name(name.GetAddress());
-    wchar_t result[512];
-    swprintf(result, 512, L"%d,%ld,%ls,%ls,%lx,%lx;%d,%ls;%ls", category, classification, Str(device).c_str(),
-             Str(node).c_str(), application, language, commCategory, Str(commName).c_str(), Str(name).c_str());
-    return result;
+    return Describe(descriptor.Get());
 }
+
+// What Identify gives for the DTM and communication descriptors' properties.
+std::string Ident(const std::string& dtm, const std::string& comm)
+{
+    return "{9:{" + dtm + " } 9:{8:DVL/QTS-WMR-VQ_INSTANCEDATA } 9:{" + comm + " } }";
+}
+const std::string kDefaults = Ident("17:1 3:0 8: 8: 3:33554942 3:1024", "17:1 8:");
 }  // namespace
 
 // Writes Instances-NewInstancesAndTheirIdentification.stg for the byte check:
@@ -58,8 +48,8 @@ TEST_F(Instances, NewInstancesAndTheirIdentification)
     ComPtr<CommunicationDescriptor> ownComm = new CommunicationDescriptor;
     ownComm->category = 0xFE, ownComm->name = L"HART";
     EXPECT_EQ(L"2", NewInstance(ownDtm.Get(), ownComm.Get()));
-    EXPECT_EQ(L"7,-2,Dev,,12345678,407;254,HART;DVL/QTS-WMR-VQ_INSTANCEDATA", Identify(Store(), L"2"));
-    EXPECT_EQ(L"1,0,,,20001fe,400;1,A;DVL/QTS-WMR-VQ_INSTANCEDATA", Identify(Store(), L"1"));
+    EXPECT_EQ(Ident("17:7 3:-2 8:Dev 8: 3:305419896 3:1031", "17:254 8:HART"), Identify(Store(), L"2"));
+    EXPECT_EQ(Ident("17:1 3:0 8: 8: 3:33554942 3:1024", "17:1 8:A"), Identify(Store(), L"1"));
     Commit();
 }
 
@@ -168,7 +158,7 @@ TEST_F(Instances, TheCacheNeverOutlivesItsInstance)
              EXPECT_EQ(kRefs, ReferencesOf(t.Store(), kOne));
              const _bstr_t id(t.NewInstance().c_str());
              EXPECT_EQ(L"^:", ReferencesOf(t.Store(), id));
-             EXPECT_EQ(kDefaults, Identify(t.Store(), id));
+             EXPECT_EQ(kDefaults, Identify(t.Store(), Str(id).c_str()));
              t.m_id = id;
              EXPECT_TRUE(t.All(&IFbInstanceData::GetAllParameters).empty());
              t.m_id = kOne;
@@ -181,7 +171,7 @@ TEST_F(Instances, TheCacheNeverOutlivesItsInstance)
              ASSERT_EQ(S_OK, t.Store()->Duplicate(nullptr, kOne, copy.GetAddress()));
              EXPECT_EQ(L"3", Str(copy));
              EXPECT_EQ(kRefs, ReferencesOf(t.Store(), copy));
-             EXPECT_EQ(Identify(t.Store(), L"1"), Identify(t.Store(), copy));
+             EXPECT_EQ(Identify(t.Store(), L"1"), Identify(t.Store(), Str(copy).c_str()));
              EXPECT_EQ(L"1:Q ^1:P", ReferencesOf(t.Store(), kTwo));
              t.Reopen();
              for (const std::wstring stream : {L"instance", L"dtm", L"comm", L"map", L"0"})
@@ -209,7 +199,7 @@ TEST_F(Instances, TheCacheNeverOutlivesItsInstance)
              ComPtr<DtmDescriptor> dtm = new DtmDescriptor;
              dtm->device = L"B";
              EXPECT_EQ(L"1", t.NewInstance(dtm.Get()));
-             EXPECT_EQ(L"1,0,B,,20001fe,400;1,;DVL/QTS-WMR-VQ_INSTANCEDATA", Identify(t.Store(), L"1"));
+             EXPECT_EQ(Ident("17:1 3:0 8:B 8: 3:33554942 3:1024", "17:1 8:"), Identify(t.Store(), L"1"));
              EXPECT_EQ(L"^:", ReferencesOf(t.Store(), kOne));
              EXPECT_TRUE(t.All(&IFbInstanceData::GetAllParameters).empty());
              EXPECT_EQ(S_OK, t.Store()->LockInstance(nullptr, kOne));

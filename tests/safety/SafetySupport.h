@@ -6,8 +6,6 @@
 #include "TestSupport.h"
 
 inline _bstr_t B(const wchar_t* text) { return _bstr_t(text); }
-inline std::string Narrow(const std::wstring& text) { return std::string(text.begin(), text.end()); }
-std::string Hex(HRESULT hr);
 // Whether the store may give hr: anything else is garbage.
 bool KnownResult(HRESULT hr);
 
