@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 #include <memory>
 #include <regex>
-#include "FdtCommon/FdtExtensions.h"
 #include "RegistrySnapshot.h"
 
 using namespace registry;
@@ -152,32 +151,6 @@ TEST_F(Registration, AnFdtEnlistFailureFailsRegistration)
         EXPECT_FALSE(trace.Contains("InstanceData/InstanceData("));
         ExpectScriptKeys(m_path);
     }
-}
-
-TEST(LaunchEnlistServer, ArgumentsFollowTheKindAndTheRegisterFlag)
-{
-    const std::wstring log = TestFilesDirectory() + TestName() + L".log";
-    DeleteFileW(log.c_str());
-    SetEnvironmentVariableW(L"FDTENLIST_LOG", log.c_str());
-    SetEnvironmentVariableW(L"FDTENLIST_EXIT_CODE", L"0");
-    EXPECT_EQ(S_OK, FdtRegisterModule(CLSID_FbInstanceData, FdtModuleKindInstanceData, "C:\\m.dll", FALSE));
-    EXPECT_EQ(S_OK, FdtRegisterModule(CLSID_FbInstanceData, FdtModuleKindDtm, "C:\\m.dll", TRUE));
-    EXPECT_EQ(S_OK, FdtRegisterModule(CLSID_FbInstanceData, FdtModuleKindCommunication, "C:\\m.dll", TRUE));
-    EXPECT_EQ(E_FAIL, FdtRegisterModule(CLSID_FbInstanceData, 3, "C:\\m.dll", TRUE));
-    // The command line is cut to its 260-byte buffer.
-    const std::string arguments(300, 'a');
-    TraceCapture trace;
-    EXPECT_EQ(S_OK, LaunchEnlistServer("C:\\m.dll", arguments.c_str()));
-    SetEnvironmentVariableW(L"FDTENLIST_LOG", nullptr);
-    SetEnvironmentVariableW(L"FDTENLIST_EXIT_CODE", nullptr);
-    const std::string longLine = ("FdtEnlist " + arguments).substr(0, 259);
-    EXPECT_EQ(std::vector<std::string>{"Start " + longLine + " (C:\\m.dll)\n"}, trace.Lines());
-    // The log holds "pid <n>" and "args <command line>" of each run.
-    EXPECT_EQ("args FdtEnlist /i /" + kClassId + " /s /u\nargs FdtEnlist /d /" + kClassId +
-                  " /s\nargs FdtEnlist /c /" + kClassId + " /s\nargs " + longLine + "\n",
-              std::regex_replace(FileText(log), std::regex("pid [0-9]+\r?\n|\r"), ""));
-    EXPECT_EQ(E_POINTER, LaunchEnlistServer("C:\\m.dll", nullptr));
-    EXPECT_EQ(E_POINTER, LaunchEnlistServer(nullptr, ""));
 }
 
 // Without the component its creation failure is the result.
