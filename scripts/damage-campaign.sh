@@ -20,14 +20,15 @@ start=$(date +%s)
 for ((seed = first; seed < first + files; seed += batch)); do
   n=$((first + files - seed < batch ? first + files - seed : batch))
   out="$(cd "$build" && SAFETY_DAMAGE_FIRST=$seed SAFETY_DAMAGE_COUNT=$n \
-         timeout 7200 "$run" ./SafetyTest.exe --gtest_filter=DamagedFiles.* 2>&1)"
+         timeout 1800 "$run" ./SafetyTest.exe --gtest_filter=DamagedFiles.* 2>&1)"
   rc=$?
   echo "$out" >>"$log"
   summary="$(grep '^damaged files:' <<<"$out")"
   if [ "$rc" -ne 0 ] || [ -z "$summary" ]; then
     failed_batches=$((failed_batches + 1))
     echo "seeds $seed..$((seed + n - 1)): exit $rc"
-    grep -E 'seed [0-9]+ \(|HANG' <<<"$out" | head -5
+    grep -E 'seed [0-9]+ \(' <<<"$out" | head -5
+    grep '^file ' <<<"$out" | tail -n 1 | sed 's/^/last begun: /'
   fi
   done_files=$((done_files + n))
   f="$(sed -n 's/.*, \([0-9]*\) with faults.*/\1/p' <<<"$summary")"
