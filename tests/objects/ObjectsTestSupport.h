@@ -1,5 +1,5 @@
 #pragma once
-// The data object and list array sources are compiled into the test program:
+// The data object sources are compiled into the test program:
 // their factories are internal to InstanceData.dll.
 #include <gtest/gtest.h>
 #include "TestSupport.h"
