@@ -72,14 +72,14 @@ DWORD RunProgram(std::wstring commandLine, const wchar_t* directory, const wchar
         startup.hStdOutput = startup.hStdError = out;
     }
     PROCESS_INFORMATION process = {};
-    DWORD exitCode = kNotFinished;
+    DWORD exitCode = 0xFFFFFFFF;
     if (CreateProcessW(nullptr, &commandLine[0], nullptr, nullptr, out != INVALID_HANDLE_VALUE, 0, nullptr, directory,
                        &startup, &process))
     {
         if (WaitForSingleObject(process.hProcess, 120000) == WAIT_OBJECT_0)
             GetExitCodeProcess(process.hProcess, &exitCode);
         else
-            TerminateProcess(process.hProcess, kNotFinished);
+            TerminateProcess(process.hProcess, exitCode);
         CloseHandle(process.hProcess), CloseHandle(process.hThread);
     }
     if (out != INVALID_HANDLE_VALUE)
@@ -402,7 +402,7 @@ std::string Describe(IUnknown* object, int depth)
             _variant_t value;
             const HRESULT hr = dispatch->Invoke(function->memid, IID_NULL, 0, DISPATCH_PROPERTYGET, &none, &value,
                                                 nullptr, nullptr);
-            text += (FAILED(hr) ? "!" + Hex(hr) : Text(value, depth + 1)) + " ";
+            text += (FAILED(hr) ? "!" + Hex(hr) : ValueText(value, depth + 1)) + " ";
         }
         info->ReleaseFuncDesc(function);
     }
@@ -410,7 +410,7 @@ std::string Describe(IUnknown* object, int depth)
     return text + "}";
 }
 
-std::string Text(const VARIANT& value, int depth)
+std::string ValueText(const VARIANT& value, int depth)
 {
     const std::string vt = std::to_string(V_VT(&value)) + ":";
     _variant_t text;
@@ -425,6 +425,6 @@ std::string Items(SAFEARRAY* array)
 {
     std::string text;
     for (const _variant_t& item : ReadValueArray(array))
-        text += Text(item) + ",";
+        text += ValueText(item) + ",";
     return text;
 }

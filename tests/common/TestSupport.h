@@ -35,8 +35,7 @@ inline std::function<HRESULT(const char*)> FailingGetter(std::string property)
     return [=](const char* name) { return property == name ? E_ACCESSDENIED : S_OK; };
 }
 
-// The store object through DllGetClassObject and IClassFactory::CreateInstance;
-// null when that fails. It asserts nothing: worker threads call it too.
+// The store object through the class factory; null on failure (no assertion: worker threads call it too).
 ComPtr<IFbInstanceData> CreateStore();
 // Directory of the test program (and of every built binary), with a trailing backslash.
 std::wstring ProgramDirectory();
@@ -47,11 +46,8 @@ std::wstring TestName();
 // The bytes of a file; "" when it cannot be read.
 std::string FileText(const std::wstring& path);
 
-// A program run to its end, as a user's command line runs it: the exit code,
-// or kNotFinished when it could not start or did not end within two minutes
-// (it is ended then). directory null: this one; output: a file for its
-// standard output and error.
-constexpr DWORD kNotFinished = 0xFFFFFFFF;
+// A program run to its end as a command line runs it: its exit code, or 0xFFFFFFFF when it did not start or
+// end within two minutes. directory null: this one; output: a file for its standard output and error.
 DWORD RunProgram(std::wstring commandLine, const wchar_t* directory = nullptr, const wchar_t* output = nullptr);
 // A program of the system directory, quoted for a command line.
 std::wstring SystemProgram(const wchar_t* name);
@@ -92,8 +88,7 @@ struct ByteBuilder
     operator Bytes() const { return bytes; }
 };
 
-// The whole stream at path ("admin", "1/map": sub-storages separated by '/')
-// below storage; empty when it cannot be opened.
+// The whole stream at path ("admin", "1/map") below storage; empty when it cannot be opened.
 Bytes ReadStream(IStorage* storage, const wchar_t* path);
 
 // An array a call gives or takes, destroyed with its holder.
@@ -118,20 +113,17 @@ std::wstring Str(const _bstr_t& value);
 inline std::string Narrow(const std::wstring& text) { return std::string(text.begin(), text.end()); }
 std::string Hex(HRESULT hr);   // "0x80004005"
 // A value as "<VARTYPE>:<text>"; an object described.
-std::string Text(const VARIANT& value, int depth = 0);
-// Every property of a data object, read late-bound through its type
-// information ("{3:1 8:text {...} }"); "none" for null, "object" below two levels.
+std::string ValueText(const VARIANT& value, int depth = 0);
+// Every property of a data object, late-bound ("{3:1 8:text {...} }"); "none" for null, "object" below two levels.
 std::string Describe(IUnknown* object, int depth = 0);
-// The items of an array, each as Text and a comma.
+// The items of an array, each as ValueText and a comma.
 std::string Items(SAFEARRAY* array);
 
-// Sub-instance references of id as "id:parameter ..." (always a one-dimensional
-// array of objects from 0), then "^" and the super reference "id:parameter".
+// Sub-instance references of id as "id:parameter ..." (a one-dimensional array from 0), then "^" and the super.
 std::wstring ReferencesOf(IFbInstanceData* store, const _bstr_t& id);
 
-// One store file per test, named after it, opened as a frame opens it. At
-// the end the store gives the file up and no reference of the test, data
-// object or lock keeps the module loaded.
+// One store file per test, named after it, opened as a frame opens it. At the end the store gives the file up
+// and no reference of the test, data object or lock keeps the module loaded.
 class StoreSession : public testing::Test
 {
 public:   // rows of the tables call these through a reference
@@ -148,10 +140,8 @@ public:   // rows of the tables call these through a reference
     void Open();     // a new file when missing
     void Reopen();   // commits, gives the file up and opens it again: the frame's next session
     void GiveUp();   // the store gives up its root after a failed open elsewhere
-    // Makes the store let go of its cached instance storage and stream name
-    // map (asking about an identifier without instance, which traces): what
-    // the instance did not commit is dropped, and its streams can be reached
-    // through the root.
+    // The store lets go of its cached instance storage and map (asked about an identifier without instance):
+    // what the instance did not commit is dropped, and its streams can be reached through the root.
     void Park();
     // A stream below the root, read or replaced after Park.
     Bytes Stream(const wchar_t* path);

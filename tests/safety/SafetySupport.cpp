@@ -38,7 +38,7 @@ void TakeInstance(IFbInstanceData* store, const std::wstring& id, Snapshot& shot
         Put(shot, key, store->ReadParameterInfo(nullptr, instance, B(name.c_str()), &info),
             [&] { return Describe(info.Get()); });
         Put(shot, key + "|value", store->ReadParameter(nullptr, instance, B(name.c_str()), &value),
-            [&] { return Text(value); });
+            [&] { return ValueText(value); });
     }
     if (SUCCEEDED(hr))
         Put(shot, prefix + "list", store->ReadList(nullptr, instance, &list.p, &listed.p), [&] { return Items(listed.p); });
