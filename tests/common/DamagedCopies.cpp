@@ -12,11 +12,6 @@ typedef std::string Text;
 const DWORD kMode = StoreSession::kMode;
 const DWORD kNothing = 0;   // as the new type of an element: it is destroyed
 
-std::string Narrow(const std::wstring& text)
-{
-    return std::string(text.begin(), text.end());
-}
-
 DWORD Dword(const Text& bytes, size_t at)
 {
     DWORD value = 0;
